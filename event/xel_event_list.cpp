@@ -1,0 +1,160 @@
+// The list of live events. It owns the list, its lock and the index by address: a handle is valid
+// exactly while its node is listed. Changes hold the lock for writing, the callback's look for
+// reading. Nothing is called out to while the lock is held.
+#include "event/xel_event_list.h"
+
+#include <cerrno>
+
+#include "common/xel_memory.h"
+
+constinit XelEventList g_xelEventList = {
+    PTHREAD_RWLOCK_INITIALIZER, 0, {&g_xelEventList.head, &g_xelEventList.head}};
+
+namespace
+{
+
+constexpr u32 kIndexBits = 14;
+
+// A node's block: the record, and behind it its place in the index.
+struct EventBlock {
+    XelEventNode node;
+    AddressLink indexLink;
+};
+
+constinit AddressIndex<kIndexBits> g_index = {};
+
+EventBlock* BlockOf(XelEventNode* node)
+{
+    return reinterpret_cast<EventBlock*>(node);
+}
+
+void Unlist(XelEventNode* node)
+{
+    LinkRemove(&node->link);
+    g_index.Remove(node);
+    g_xelEventList.count -= 1;
+}
+
+} // namespace
+
+XelEventNode* EventCreateEventNode(XelThreadCtrl* thread, i32 fd, const XelEventAttr* attr)
+{
+    auto* block = static_cast<EventBlock*>(XEL_ALLOC(kEventLog, sizeof(EventBlock)));
+    if (block == nullptr) {
+        XEL_LOG_FAIL(kEventLog, "Alloc event node unsuccessfully, no memory.");
+        return nullptr;
+    }
+    XelEventNode* node = &block->node;
+    node->fd = fd;
+    node->proc = attr->proc;
+    node->data = attr->data;
+    node->thread = thread;
+    node->name[0] = '\0';
+    (void)strncpy_s(node->name, sizeof(node->name), attr->name, XEL_NAME_SIZE - 1);
+    LinkInit(&node->link);
+    node->magic.store(kEventMagic, std::memory_order_release);
+    return node;
+}
+
+// Under the lock, so that no callback is just copying the node.
+void EventDestroyEventNode(XelEventNode* node)
+{
+    if (pthread_rwlock_wrlock(&g_xelEventList.lock) != 0) {
+        XEL_LOG_FAIL(kEventLog, "Event list lock unsuccessfully. (errno = %d)", errno);
+        return;
+    }
+    node->magic.store(0, std::memory_order_relaxed);
+    XEL_FREE(kEventLog, BlockOf(node));
+    (void)pthread_rwlock_unlock(&g_xelEventList.lock);
+}
+
+XelEventNode* EventCreateEventNodeAndAddList(XelThreadCtrl* thread, i32 fd,
+                                             const XelEventAttr* attr)
+{
+    XelEventNode* node = EventCreateEventNode(thread, fd, attr);
+    if (node == nullptr) {
+        return nullptr;
+    }
+    if (EventListAddNode(node) != XEL_OK) {
+        XEL_LOG_FAIL(kEventLog, "Event add node to list unsuccessfully.");
+        EventDestroyEventNode(node);
+        return nullptr;
+    }
+    return node;
+}
+
+u32 EventDestroyEventNodeAndRmList(XelEventNode* node)
+{
+    const u32 ret = EventListDelNode(node);
+    if (ret == XEL_OK) {
+        EventDestroyEventNode(node);
+    }
+    return ret;
+}
+
+u32 EventListAddNode(XelEventNode* node)
+{
+    if (pthread_rwlock_wrlock(&g_xelEventList.lock) != 0) {
+        XEL_LOG_FAIL(kEventLog, "event list lock unsuccessfully, errno = %d.", errno);
+        return XEL_FAIL;
+    }
+    LinkAddFront(&g_xelEventList.head, &node->link);
+    g_index.Add(&BlockOf(node)->indexLink, node);
+    g_xelEventList.count += 1;
+    (void)pthread_rwlock_unlock(&g_xelEventList.lock);
+    return XEL_OK;
+}
+
+u32 EventListDelNode(XelEventNode* node)
+{
+    if (pthread_rwlock_wrlock(&g_xelEventList.lock) != 0) {
+        XEL_LOG_FAIL(kEventLog, "event list lock unsuccessfully, errno = %d.", errno);
+        return XEL_FAIL;
+    }
+    u32 ret = XEL_FAIL;
+    if (!EventIsNodeAvailable(node)) {
+        XEL_LOG_FAIL(kEventLog, "event node del eventHandle invalid.");
+    } else if (const u32 magic = node->magic.load(std::memory_order_relaxed);
+               magic != kEventMagic) {
+        XEL_LOG_FAIL(kEventLog, "Event delete eventHandle magic error. (magic = %#x)", magic);
+    } else {
+        Unlist(node);
+        ret = XEL_OK;
+    }
+    (void)pthread_rwlock_unlock(&g_xelEventList.lock);
+    return ret;
+}
+
+bool EventIsNodeAvailable(const XelEventNode* node)
+{
+    return g_index.Contains(node);
+}
+
+u32 EventCopyListed(const XelEventNode* node, EventCopy* copy)
+{
+    if (!EventIsNodeAvailable(node)) {
+        XEL_LOG_FAIL(kEventLog, "Eventfd node invalid.");
+        return XEL_FAIL;
+    }
+    const u32 magic = node->magic.load(std::memory_order_relaxed);
+    if (magic != kEventMagic) {
+        XEL_LOG_FAIL(kEventLog, "Eventfd node magic invalid. (magic = %#x)", magic);
+        return XEL_FAIL;
+    }
+    if (node->fd < 0) {
+        XEL_LOG_FAIL(kEventLog, "Eventfd node fd invalid. (fd=%d)", node->fd);
+        return XEL_FAIL;
+    }
+    if (node->proc == nullptr) {
+        XEL_LOG_FAIL(kEventLog, "Eventfd node proc invalid. (proc null)");
+        return XEL_FAIL;
+    }
+    copy->magic = magic;
+    copy->link = node->link;
+    (void)memcpy_s(copy->name, sizeof(copy->name), node->name, sizeof(node->name));
+    copy->thread = node->thread;
+    copy->fd = node->fd;
+    copy->proc = node->proc;
+    copy->data = node->data;
+    return XEL_OK;
+}

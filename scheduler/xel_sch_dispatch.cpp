@@ -1,0 +1,314 @@
+// The dispatch cycle: wait, insert into the policy, select, run. It owns no data; each cycle works
+// on one scheduler under the read side of its lock and under its dispatch lock. Any thread may
+// dispatch, one at a time per scheduler; everything below the two entry points runs on that thread.
+#include <cerrno>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include "common/xel_memory.h"
+#include "scheduler/xel_sch_dbg_inner.h"
+#include "scheduler/xel_sch_hold.h"
+#include "scheduler/xel_scheduler_inner.h"
+#include "xel_clock.h"
+
+namespace
+{
+
+// How a cycle ended: a failure that no other thread may see the end of has slept already.
+enum class CycleEnd { Done, SleepDue };
+
+constexpr unsigned kPenaltySeconds = 1; // keeps a loop on a broken scheduler from spinning
+
+void SleepPenalty()
+{
+    (void)sleep(kPenaltySeconds);
+}
+
+// Holds the dispatch lock until the end of the cycle; it is only ever tried.
+class DispatchHold : NoCopy
+{
+public:
+    explicit DispatchHold(SchCtrl* sch)
+        : lock_(sch->dispatchLock), isHeld_(XelSpinlockTryLock(&lock_))
+    {
+    }
+    ~DispatchHold()
+    {
+        if (isHeld_) {
+            XelSpinlockUnLock(&lock_);
+        }
+    }
+    bool IsHeld() const { return isHeld_; }
+
+private:
+    XelSpinlock& lock_;
+    bool isHeld_;
+};
+
+u32 EpFdOf(const SchCtrl* sch)
+{
+    return static_cast<u32>(sch->epFd.load(std::memory_order_relaxed));
+}
+
+SchTaskCtrl* TaskOf(const struct epoll_event& event)
+{
+    return static_cast<SchTaskCtrl*>(event.data.ptr);
+}
+
+u64 NowUs()
+{
+    u64 now = 0;
+    (void)SystimeGetMicroSec(&now);
+    return now;
+}
+
+// The caller's hook with its context; hook may be null.
+struct DispatchHook {
+    u64 context;
+    SchDispatchHook hook;
+
+    void Call(u32 phase) const
+    {
+        if (hook != nullptr) {
+            hook(context, phase);
+        }
+    }
+};
+
+// Runs one callback between the two phases of the hook. A failing callback is counted and logged.
+void RunProc(const SchCtrl* sch, const DispatchHook& hook, const XelTaskUsrCb& callback,
+             struct epoll_event* event)
+{
+    hook.Call(0);
+    const u32 ret = callback.proc(event, callback.data);
+    hook.Call(1);
+    if (ret != XEL_OK) {
+        SchDbgAddErrStat(EpFdOf(sch), SCH_ERR_PROC);
+        XEL_LOG(kSchLog, XEL_LOG_WARN, "User proc result, param = :%lu. (ret = %#x).",
+                callback.data, ret);
+    }
+}
+
+// The time of day is for the trace hook only: read when somebody is registered to see it.
+void StampTimeOfDay(SchTaskTraceInfo* record)
+{
+    record->timestamp = {};
+    if (SchDbgIsInit()) {
+        (void)gettimeofday(&record->timestamp, nullptr);
+    }
+}
+
+// Waits. False after a failure, which is counted, logged and slept for.
+bool WaitForEvents(SchCtrl* sch, u32* count)
+{
+    *count = SchGetMaxEventCnt(sch);
+    const u32 ret = SchEventsGet(sch, sch->eventBuf, count);
+    if (ret == XEL_OK) {
+        return true;
+    }
+    SchDbgAddErrStat(EpFdOf(sch), SCH_ERR_WAIT);
+    XEL_LOG_FAIL(kSchLog, "Sch dispatch, get events unsuccessfully. (ret = %d).", ret);
+    SleepPenalty();
+    return false;
+}
+
+// Passes the ready events through the policy; *run and *count become what is to run now. False
+// after a failure, as above.
+bool ApplyPolicy(SchCtrl* sch, struct epoll_event** run, u32* count)
+{
+    *run = sch->eventBuf;
+    if (sch->policy == nullptr) {
+        return true;
+    }
+    const u32 ret = sch->policyOps.insert(sch->policy, sch->eventBuf, *count);
+    if (ret != XEL_OK) {
+        SchDbgAddErrStat(EpFdOf(sch), SCH_ERR_INSERT);
+        XEL_LOG_FAIL(kSchLog, "Sch dispatch, insert event unsuccessfully. (ret = %#x).", ret);
+        SleepPenalty();
+        return false;
+    }
+    *count = sch->policyOps.select(sch->policy, run);
+    return true;
+}
+
+// While something was selected the next wait only polls, so that queued events keep flowing.
+void SetMayBlock(SchCtrl* sch, bool mayBlock)
+{
+    const u32 state = sch->state.load(std::memory_order_relaxed);
+    sch->state.store(mayBlock ? state | kSchMayBlock : state & ~kSchMayBlock,
+                     std::memory_order_relaxed);
+}
+
+CycleEnd RunCycle(SchCtrl* sch, u64 context, SchDispatchHook hook)
+{
+    if (!SchIsCtrlValid(sch)) {
+        return CycleEnd::SleepDue;
+    }
+    const DispatchHold hold(sch);
+    if (!hold.IsHeld()) {
+        SchDbgAddErrStat(EpFdOf(sch), SCH_ERR_LOOPED);
+        XEL_LOG_FAIL(kSchLog,
+                     "Sch dispatch, try lock unsuccessfully, handle is looped in multi-thread, "
+                     "ret = %d.",
+                     0);
+        return CycleEnd::SleepDue;
+    }
+    u32 count = 0;
+    struct epoll_event* run = nullptr;
+    if (!WaitForEvents(sch, &count) || !ApplyPolicy(sch, &run, &count)) {
+        return CycleEnd::Done;
+    }
+    SetMayBlock(sch, count == 0);
+    SchEventsProcess(sch, context, hook, run, static_cast<i32>(count));
+    return CycleEnd::Done;
+}
+
+// One cycle under the scheduler's lock. A thread that has nothing to do there sleeps after it has
+// given the lock back: neither a destroyer nor the creator that takes a stale record again waits
+// for the sleeper.
+void DispatchLocked(SchCtrl* sch, u64 context, SchDispatchHook hook)
+{
+    CycleEnd end = CycleEnd::Done;
+    {
+        const SchCycle cycle(sch);
+        end = RunCycle(sch, context, hook);
+    }
+    if (end == CycleEnd::SleepDue) {
+        SleepPenalty();
+    }
+}
+
+} // namespace
+
+void XEL_SchDispatch(SchCtrl* sch)
+{
+    if (sch == nullptr) {
+        XEL_LOG_FAIL(kSchLog, "Sch dispatch, sch handle is null.");
+        SleepPenalty();
+        return;
+    }
+    DispatchLocked(sch, 0, nullptr);
+}
+
+void SCH_DispatchWithDeadloop(SchCtrl* sch, uint64_t context, SchDispatchHook hook)
+{
+    DispatchLocked(sch, context, hook);
+}
+
+void SchDispatch(SchCtrl* sch, u64 context, SchDispatchHook hook)
+{
+    if (RunCycle(sch, context, hook) == CycleEnd::SleepDue) {
+        SleepPenalty();
+    }
+}
+
+bool SchIsCtrlValid(SchCtrl* sch)
+{
+    const u32 magic = sch->magic.load(std::memory_order_acquire);
+    if (magic != kSchMagic) {
+        XEL_LOG_FAIL(kSchLog, "Sch dispatch, magic is damaged, magic = %#x.", magic);
+        return false;
+    }
+    const u32 state = sch->state.load(std::memory_order_relaxed);
+    if ((state & kSchAlive) == 0) {
+        SchDbgAddErrStat(EpFdOf(sch), SCH_ERR_DESTROYED);
+        XEL_LOG_FAIL(kSchLog, "Sch dispatch, handle had been destroyed, state = %#x.", state);
+        return false;
+    }
+    return true;
+}
+
+// The request handed to the wait never exceeds the buffer, nor the answer the request: a failed
+// prepare comes as -1 or 0 and is passed on for the wait to refuse.
+u32 SchEventsGet(SchCtrl* sch, struct epoll_event* events, u32* count)
+{
+    const bool mayBlock = (sch->state.load(std::memory_order_relaxed) & kSchMayBlock) != 0;
+    const i32 timeout = mayBlock ? sch->waitTimeout.load(std::memory_order_relaxed) : 0;
+    auto request = static_cast<i32>(*count);
+    if (request > static_cast<i32>(sch->epSize)) {
+        request = static_cast<i32>(sch->epSize);
+    }
+    i32 ready =
+        sch->epollOps.wait(sch->epFd.load(std::memory_order_relaxed), events, request, timeout);
+    if (ready < 0) {
+        const i32 error = sch->epollOps.getErrNo();
+        if (error != EINTR) {
+            XEL_LOG_FAIL(kSchLog,
+                         "Event get, epoll wait with time-out[%d] unsuccessfully. (errNo:%d).",
+                         timeout, error);
+            return XEL_FAIL;
+        }
+        ready = 0;
+    }
+    if (ready > request) {
+        ready = request < 0 ? 0 : request;
+    }
+    *count = static_cast<u32>(ready);
+    return XEL_OK;
+}
+
+// The record is cleared once per cycle, so the trace of the first event carries eventLeft 0 and
+// each later one the value taken after the event before it.
+void SchEventsProcess(SchCtrl* sch, u64 context, SchDispatchHook hook, struct epoll_event* events,
+                      i32 n)
+{
+    SchTaskTraceInfo record;
+    record.eventLeft = 0;
+    for (i32 i = 0; i < n; ++i) {
+        XelTaskUsrCb callback = {};
+        if (SchTaskBeginRun(TaskOf(events[i]), &callback, &record) != XEL_OK) {
+            SchDbgAddErrStat(EpFdOf(sch), SCH_ERR_INVALID_TASK);
+            XEL_LOG_FAIL(kSchLog, "Event process, invalid task-ctrl.");
+            continue;
+        }
+        if (callback.proc == nullptr) {
+            continue;
+        }
+        record.startTime = NowUs();
+        StampTimeOfDay(&record);
+        RunProc(sch, DispatchHook{context, hook}, callback, &events[i]);
+        const u64 end = NowUs();
+        SchDbgInfoRecordAfterProcess(sch, &record, end, end - record.startTime);
+    }
+}
+
+// The two steps around a run as a diagnostics component may call them.
+void SchDbgInfoRecordBeforeProcess(SchTaskCtrl* task, u64 startUs, SchTaskTraceInfo* record)
+{
+    (void)SchTaskGetSimpleDbgByHandle(task, record);
+    record->startTime = startUs;
+}
+
+// The trace is handed out before eventLeft is refreshed; only the slow-run check sees the new
+// value.
+void SchDbgInfoRecordAfterProcess(SchCtrl* sch, SchTaskTraceInfo* record, u64 endUs, u64 costUs)
+{
+    record->endTime = endUs;
+    record->procTime = costUs;
+    SchDbgUpdateTasksStatistic(static_cast<u32>(record->fd), static_cast<u32>(costUs));
+    SchDbgInsertTaskTrace(EpFdOf(sch), record);
+    if (sch->policy != nullptr && sch->policyOps.getEventLeft != nullptr) {
+        record->eventLeft = sch->policyOps.getEventLeft(sch->policy);
+    }
+    SchCheckTaskException(EpFdOf(sch), record);
+}
+
+uint32_t SCH_GetTasksEventCache(uint32_t epFd, SchEventCacheInfo* records, uint32_t* count)
+{
+    SchCtrl* sch = SchGetSchHandleByEpFd(epFd);
+    if (sch == nullptr) {
+        return XEL_FAIL;
+    }
+    const RegistryLock registry(RegistryLock::Side::Read);
+    const SchReadGuard guard(sch);
+    // Between the lookup and the locks the scheduler may have been destroyed.
+    if (sch->magic.load(std::memory_order_acquire) != kSchMagic || EpFdOf(sch) != epFd) {
+        return XEL_FAIL;
+    }
+    if (sch->policy != nullptr && sch->policyOps.getEventCache != nullptr) {
+        (void)sch->policyOps.getEventCache(sch->policy, records, count);
+    } else {
+        *count = 0;
+    }
+    return XEL_OK;
+}

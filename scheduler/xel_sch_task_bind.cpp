@@ -1,0 +1,81 @@
+// Which schedulers a task is bound to: a short singly linked list in the task record, one tracked
+// block per binding. Called by the scheduler core on any thread, also from callbacks.
+#include "scheduler/xel_sch_task_bind.h"
+
+#include "common/xel_lock_guard.h"
+#include "common/xel_memory.h"
+
+namespace
+{
+
+// Both operations answer a wrong magic alike. It is looked at before the lock, since a foreign
+// record's lock words could keep a caller waiting for ever, and again under the lock.
+bool IsAlive(const SchTaskCtrl* task)
+{
+    const u32 magic = TaskMagicOf(task);
+    if (magic != kTaskMagic) {
+        XEL_LOG_FAIL(kTaskLog, "task handle magic destroy, magic = %#x.", magic);
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
+// A second binding to the same handle is recorded as a second one.
+u32 SchTaskAddScheduler(SchTaskCtrl* task, void* sch)
+{
+    if (!IsAlive(task)) {
+        return XEL_FAIL;
+    }
+    const WriteGuard guard(task->lock);
+    if (!IsAlive(task)) {
+        return XEL_FAIL;
+    }
+    auto* node = XEL_ALLOC_RECORD(XelSll, kTaskLog);
+    if (node == nullptr) {
+        XEL_LOG_FAIL(kTaskLog, "task add scheduler unsuccessfully, alloc sll unsuccessfully.");
+        return XEL_ENOMEM;
+    }
+    XelSllInitAndAdd(&task->schList, node, sch);
+    return XEL_OK;
+}
+
+void SchTaskRmScheduler(SchTaskCtrl* task, void* sch)
+{
+    if (!IsAlive(task)) {
+        return;
+    }
+    const WriteGuard guard(task->lock);
+    if (!IsAlive(task)) {
+        return;
+    }
+    XelSll* node = task->schList.next;
+    while (node != &task->schList) {
+        XelSll* next = node->next;
+        if (node->data == sch) {
+            XelSllDel(&task->schList, node);
+            XEL_FREE(kTaskLog, node);
+        }
+        node = next;
+    }
+}
+
+bool TaskIsBound(const SchTaskCtrl* task, const void* sch)
+{
+    for (const XelSll* node = task->schList.next; node != &task->schList; node = node->next) {
+        if (node->data == sch) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void TaskReleaseBindings(SchTaskCtrl* task)
+{
+    while (task->schList.next != &task->schList) {
+        XelSll* node = task->schList.next;
+        XelSllDel(&task->schList, node);
+        XEL_FREE(kTaskLog, node);
+    }
+}

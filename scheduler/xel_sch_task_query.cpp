@@ -1,0 +1,226 @@
+// Copies of task data for the scheduler core, the policy and the debug hooks: at insertion of an
+// event, at its selection, at the run and in its trace. Called on dispatching threads (and, for the
+// event cache, beside them). Insertion takes the task's lock for writing, the others for reading;
+// the table lock is never taken here.
+#include <cstring>
+#include <sys/time.h>
+
+#include "common/xel_lock_guard.h"
+#include "common/xel_memory.h"
+#include "scheduler/xel_sch_dbg_inner.h"
+#include "scheduler/xel_sch_task_bind.h"
+#include "scheduler/xel_sch_task_inner.h"
+#include "xel_clock.h"
+
+namespace
+{
+
+// The task's share of a run's record, but for the time of day; the caller holds the task's lock.
+void CopyTrace(const SchTaskCtrl* task, SchTaskTraceInfo* trace)
+{
+    static_assert(sizeof(trace->name) == sizeof(task->name));
+    memcpy(trace->name, task->name, sizeof(trace->name));
+    trace->name[sizeof(trace->name) - 1] = '\0';
+    trace->fd = task->fd;
+    trace->events = task->events.load(std::memory_order_relaxed);
+    trace->procFunc = task->proc;
+    trace->type = task->type;
+    trace->prio = task->prio;
+    trace->insertTime = task->insertTime;
+}
+
+} // namespace
+
+u32 SchTaskGetInfoInsert(void* sch, SchTaskCtrl* task, const struct epoll_event* event,
+                         SchTaskInsertInfo* info)
+{
+    const u32 magic = TaskMagicOf(task);
+    if (magic != kTaskMagic) {
+        XEL_LOG_FAIL(kTaskLog, "Task get info unsuccessfully, task magic is damaged, magic = %#x.",
+                     magic);
+        return XEL_FAIL;
+    }
+    if (!FtEntryIsValid(task, false)) {
+        XEL_LOG_FAIL(kTaskLog, "Task get info unsuccessfully, input is not valid.");
+        return XEL_FAIL;
+    }
+    const WriteGuard guard(task->lock);
+    if (task->init == 0) {
+        XEL_LOG_FAIL(kTaskLog,
+                     "Task get info unsuccessfully, task handle had been destroyed already, "
+                     "init = %u.",
+                     static_cast<u32>(task->init));
+        return XEL_FAIL;
+    }
+    if (sch != nullptr && !TaskIsBound(task, sch)) {
+        XEL_LOG_FAIL(kTaskLog,
+                     "Task get info unsuccessfully, task is not bind scheduler. (taskName = %s)",
+                     task->name);
+        return XEL_FAIL;
+    }
+    info->version = task->version;
+    info->type = task->type;
+    info->prio = task->prio;
+    info->isFirst = 1;
+    (void)SystimeGetMicroSec(&task->lastInsertTime);
+    const u32 pending = task->events.load(std::memory_order_relaxed);
+    if (pending != 0) {
+        info->isFirst = 0;
+    } else {
+        task->insertTime = task->lastInsertTime;
+    }
+    task->events.store(pending | event->events, std::memory_order_relaxed);
+    return XEL_OK;
+}
+
+// The pending mask is taken under the read hold: an exchange, since two may take at once.
+u32 SchTaskGetEvent(SchTaskCtrl* task, u32 version, struct epoll_event* event)
+{
+    if (!SchTaskCtrlIsValid(task)) {
+        XEL_LOG_FAIL(kTaskLog, "Task get event unsuccessfully, task is invalid.");
+        return XEL_FAIL;
+    }
+    const ReadGuard guard(task->lock);
+    if (task->init == 0) {
+        XEL_LOG_FAIL(kTaskLog, "Task get event unsuccessfully, handle has been destroyed.");
+        return XEL_FAIL;
+    }
+    if (task->version != version) {
+        XEL_LOG_FAIL(kTaskLog,
+                     "Task get event unsuccessfully, task has been aged. (old ver = %u, "
+                     "new ver = %u)",
+                     version, task->version);
+        return XEL_FAIL;
+    }
+    event->events = task->events.exchange(0, std::memory_order_relaxed);
+    return XEL_OK;
+}
+
+void SchTaskDropEvent(SchTaskCtrl* task, u32 version)
+{
+    if (TaskMagicOf(task) != kTaskMagic || !FtEntryIsValid(task, false)) {
+        return;
+    }
+    const ReadGuard guard(task->lock);
+    if (task->init != 0 && task->version == version) {
+        task->events.store(0, std::memory_order_relaxed);
+    }
+}
+
+u32 SchTaskBeginRun(SchTaskCtrl* task, XelTaskUsrCb* callback, SchTaskTraceInfo* trace)
+{
+    if (!SchTaskCtrlIsValid(task)) {
+        XEL_LOG_FAIL(kTaskLog, "Task get info process unsuccessfully, task is invalid.");
+        return XEL_FAIL;
+    }
+    const ReadGuard guard(task->lock);
+    if (task->init == 0) {
+        XEL_LOG_FAIL(kTaskLog,
+                     "Task get info process unsuccessfully, handle has been destroyed. (init = %d)",
+                     static_cast<int>(task->init));
+        return XEL_FAIL;
+    }
+    *callback = {task->proc, task->data};
+    CopyTrace(task, trace);
+    return XEL_OK;
+}
+
+u32 SchTaskGetInfoProcess(SchTaskCtrl* task, XelTaskProc* proc, u64* data)
+{
+    XelTaskUsrCb callback = {};
+    SchTaskTraceInfo unused;
+    const u32 ret = SchTaskBeginRun(task, &callback, &unused);
+    if (ret == XEL_OK) {
+        *proc = callback.proc;
+        *data = callback.data;
+    }
+    return ret;
+}
+
+u32 SchTaskGetDbgInfo(SchTaskCtrl* task, u32 version, SchEventCacheInfo* out)
+{
+    const u32 magic = TaskMagicOf(task);
+    if (magic != kTaskMagic) {
+        XEL_LOG_FAIL(kTaskLog, "Task get debug info unsuccessfully, magic is damaged, magic = %#x.",
+                     magic);
+        return XEL_FAIL;
+    }
+    if (!FtEntryIsValid(task, false)) {
+        XEL_LOG_FAIL(kTaskLog, "Task get debug info unsuccessfully, input is not valid.");
+        return XEL_FAIL;
+    }
+    const ReadGuard guard(task->lock);
+    if (task->init == 0) {
+        XEL_LOG_FAIL(kTaskLog,
+                     "Task get debug info unsuccessfully, handle had been destroyed already, "
+                     "init = %u.",
+                     static_cast<u32>(task->init));
+        return XEL_FAIL;
+    }
+    if (task->version != version) {
+        XEL_LOG_FAIL(kTaskLog,
+                     "Task get debug info unsuccessfully, task handle had been aged, "
+                     "difference = %d.",
+                     static_cast<i32>(task->version - version));
+        return XEL_FAIL;
+    }
+    if (strcpy_s(out->name, sizeof(out->name), task->name) != 0) {
+        XEL_LOG_FAIL(kTaskLog,
+                     "Task get debug info unsuccessfully, copy task name unsuccessfully. "
+                     "(name = %s)",
+                     task->name);
+        return XEL_FAIL;
+    }
+    out->type = task->type;
+    out->fd = task->fd;
+    out->insertTime = task->insertTime;
+    out->lastInsertTime = task->lastInsertTime;
+    return XEL_OK;
+}
+
+// Without registered hooks nobody would look at the copy, and it is not made.
+u32 SchTaskGetDbgInfoByTaskHandle(SchTaskCtrl* task, SchDbgTaskInfo* out)
+{
+    if (!SchTaskHandleIsValid(task)) {
+        return XEL_FAIL;
+    }
+    const ReadGuard guard(task->lock);
+    if (task->fd < 0) {
+        return XEL_FAIL;
+    }
+    if (!SchDbgIsInit()) {
+        return XEL_OK;
+    }
+    if (strcpy_s(out->name, sizeof(out->name), task->name) != 0) {
+        return XEL_FAIL;
+    }
+    out->fd = task->fd;
+    out->type = task->type;
+    out->prio = task->prio;
+    out->procFunc = task->proc;
+    return XEL_OK;
+}
+
+u32 SchTaskGetSimpleDbgByHandle(SchTaskCtrl* task, SchTaskTraceInfo* trace)
+{
+    if (!SchTaskHandleIsValid(task)) {
+        XEL_LOG_FAIL(kTaskLog, "Sch get task name unsuccessfully, schTaskHandle null.");
+        return XEL_FAIL;
+    }
+    const ReadGuard guard(task->lock);
+    const u32 magic = TaskMagicOf(task);
+    if (magic != kTaskMagic) {
+        XEL_LOG_FAIL(kTaskLog,
+                     "Sch get task info unsuccessfully, task magic is damaged, magic = %#x.",
+                     magic);
+        return XEL_FAIL;
+    }
+    (void)SchGetTraceDbgInfo(task, trace);
+    return XEL_OK;
+}
+
+i32 SchGetTraceDbgInfo(SchTaskCtrl* task, SchTaskTraceInfo* trace)
+{
+    CopyTrace(task, trace);
+    return gettimeofday(&trace->timestamp, nullptr);
+}
