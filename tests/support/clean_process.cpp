@@ -1,0 +1,96 @@
+// The leak guard: counts before and after each test.
+#include "support/clean_process.h"
+
+#include <dirent.h>
+#include <ostream>
+#include <thread>
+#include <unistd.h>
+
+#include "support/faults.h"
+#include "support/helpers.h"
+#include "support/log_recorder.h"
+#include "xel_mem.h"
+#include "xel_pool.h"
+#include "xel_scheduler.h"
+
+namespace xeltest
+{
+
+namespace
+{
+
+constexpr int kLeaveTimeoutMs = 5000;
+
+size_t CountEntries(const char* path)
+{
+    DIR* dir = opendir(path);
+    EXPECT_NE(dir, nullptr);
+    if (dir == nullptr) {
+        return 0;
+    }
+    size_t count = 0;
+    while (const struct dirent* entry = readdir(dir)) {
+        count += entry->d_name[0] != '.' ? 1 : 0;
+    }
+    closedir(dir);
+    return count;
+}
+
+void ForgetSettings()
+{
+    ResetFaults();
+    UseRealClock();
+    UseRealSleep(false);
+    SetSleepHook(nullptr);
+    (void)TakeSleeps();
+    (void)TakeUsleeps();
+    (void)TakePoolRequests();
+}
+
+} // namespace
+
+void PrintTo(const Footprint& footprint, std::ostream* out)
+{
+    *out << "descriptors " << footprint.descriptors << ", threads " << footprint.threads
+         << ", blocks " << footprint.blocks << ", units " << footprint.units << ", pools "
+         << footprint.pools;
+}
+
+Footprint Measure()
+{
+    XelMemUsage memory{};
+    XEL_MemGetUsage(&memory);
+    FmmUsage pools{};
+    FmmGetUsage(&pools);
+    return {CountEntries("/proc/self/fd"), CountEntries("/proc/self/task"), memory.blocks,
+            pools.units, pools.pools};
+}
+
+void WarmUp()
+{
+    std::thread([] {}).join(); // a sanitizer starts a thread of its own beside the first one
+    const Fd epoll = Fd::Epoll();
+    const Fd event = Fd::Event();
+    const Attr attr;
+    XEL_TaskDestroy(XEL_TaskCreate(event.Get(), attr.Get()));
+    XEL_SchDestroy(XEL_SchCreate(static_cast<u32>(epoll.Get()), 8));
+}
+
+void CleanProcess::SetUp()
+{
+    ForgetSettings();
+    WarmUp();
+    DropLog();
+    ForgetSettings();
+    before_ = Measure();
+}
+
+void CleanProcess::TearDown()
+{
+    EXPECT_NO_LOG() << "lines that the test did not take";
+    ForgetSettings();
+    (void)AwaitTrue([this] { return Measure() == before_; }, HasFailure() ? 100 : kLeaveTimeoutMs);
+    EXPECT_EQ(Measure(), before_);
+}
+
+} // namespace xeltest
