@@ -1,0 +1,52 @@
+// One client: a non-blocking socket, the HTTP session on it, and its task. Owned by the server,
+// lives on the loop's thread.
+#ifndef HTTP_SERVER_CONNECTION_H
+#define HTTP_SERVER_CONNECTION_H
+
+#include "common/xel_int.h"
+#include "examples/http_server/http_session.h"
+#include "examples/http_server/loop.h"
+#include "examples/http_server/unique_fd.h"
+
+class Server;
+
+class Connection
+{
+public:
+    Connection(Server& server, UniqueFd socket);
+
+    int Fd() const { return socket_.Get(); }
+    Server& Owner() const { return server_; }
+
+    // Registers the task; without it the connection is of no use.
+    bool Start();
+    // One run of the task. False: the connection is over and is to be closed.
+    bool Run(const struct epoll_event& event);
+    bool IsOverdue(u64 nowMs) const { return nowMs >= deadlineMs_; }
+    // Says goodbye to a client that was too slow, as far as it listens. It is to be closed after.
+    void Expire();
+
+    // The task callback of all connections; closes the connection when its run says so.
+    static u32 Proc(struct epoll_event* event, u64 data);
+
+private:
+    bool Receive();
+    bool Serve();
+    bool MoveTo(TaskPlace place);
+    bool Send(size_t& budget);
+    bool StartLinger(const struct epoll_event& event);
+    bool Discard();
+    bool WatchFor(const struct epoll_event& event, u32 events);
+    void ExtendDeadline();
+
+    Server& server_;
+    UniqueFd socket_;
+    HttpSession session_;
+    TaskPlace place_ = {TaskClass::Http};
+    u32 watched_ = EPOLLIN;
+    u64 deadlineMs_ = 0;
+    bool lingering_ = false;
+    size_t discarded_ = 0;
+};
+
+#endif // HTTP_SERVER_CONNECTION_H

@@ -1,0 +1,104 @@
+// Pages and routing. Called by the sessions on the loop's thread; no state of its own.
+#include "examples/http_server/pages.h"
+
+#include <charconv>
+#include <optional>
+
+namespace
+{
+
+constexpr std::string_view kBulkPrefix = "/bulk/";
+constexpr std::string_view kAdminPrefix = "/admin/";
+
+struct Target {
+    std::string_view path;
+    std::string_view query;
+};
+
+Target Split(std::string_view target)
+{
+    const size_t mark = target.find('?');
+    if (mark == std::string_view::npos) {
+        return {target, {}};
+    }
+    return {target.substr(0, mark), target.substr(mark + 1)};
+}
+
+// N of /bulk/N, when it is a plain number within the limit.
+std::optional<u32> BulkSizeOf(std::string_view path)
+{
+    if (!path.starts_with(kBulkPrefix)) {
+        return std::nullopt;
+    }
+    path.remove_prefix(kBulkPrefix.size());
+    u32 size = 0;
+    const char* end = path.data() + path.size();
+    const auto [stop, error] = std::from_chars(path.data(), end, size);
+    if (error != std::errc() || stop != end || size > kBulkLimit) {
+        return std::nullopt;
+    }
+    return size;
+}
+
+const char* ReasonText(u32 status)
+{
+    switch (status) {
+    case 400:
+        return "bad request\n";
+    case 404:
+        return "not found\n";
+    case 405:
+        return "only GET and HEAD\n";
+    case 408:
+        return "request took too long\n";
+    case 413:
+        return "request too large\n";
+    default:
+        return "refused\n";
+    }
+}
+
+} // namespace
+
+TaskPlace PlaceOf(std::string_view target)
+{
+    const std::string_view path = Split(target).path;
+    if (path == "/stats" || path.starts_with(kAdminPrefix)) {
+        return {TaskClass::Admin};
+    }
+    const std::optional<u32> size = BulkSizeOf(path);
+    return size ? BulkPlace(*size) : TaskPlace{TaskClass::Http};
+}
+
+Page MakePage(std::string_view target, const PageContext& context)
+{
+    const auto [path, query] = Split(target);
+    if (path == "/") {
+        return {.text = "every request here is a run of a scheduled task\n"};
+    }
+    if (path == "/admin/health") {
+        return {.text = "ok\n"};
+    }
+    if (path == "/stats" && query == "format=json") {
+        return {.contentType = "application/json",
+                .text = StatsAsJson(context.stats, context.counters)};
+    }
+    if (path == "/stats") {
+        return {.text = StatsAsText(context.stats, context.counters)};
+    }
+    const std::optional<u32> size = BulkSizeOf(path);
+    return size ? Page{.text = {}, .bulkSize = *size} : MakeRefusal(404);
+}
+
+Page MakeRefusal(u32 status)
+{
+    return {.status = status, .text = ReasonText(status)};
+}
+
+void BulkBody::Append(std::string& out, size_t size)
+{
+    for (size_t i = 0; i < size; ++i) {
+        state_ = state_ * 6364136223846793005U + 1442695040888963407U;
+        out += static_cast<char>('a' + (state_ >> 33U) % 26U);
+    }
+}

@@ -1,0 +1,41 @@
+// The counts come from the memory service and from /proc. Called from the main thread.
+#include "examples/worker_events/holdings.h"
+
+#include <chrono>
+#include <filesystem>
+#include <iterator>
+#include <thread>
+
+#include "xel_mem.h"
+
+namespace
+{
+
+constexpr auto kLongestEnd = std::chrono::seconds(5);
+
+long CountEntries(const char* directory)
+{
+    const std::filesystem::directory_iterator entries(directory);
+    return std::distance(begin(entries), end(entries));
+}
+
+} // namespace
+
+Holdings CountHoldings()
+{
+    XelMemUsage usage = {};
+    XEL_MemGetUsage(&usage);
+    return {static_cast<long>(usage.blocks), CountEntries("/proc/self/fd"),
+            CountEntries("/proc/self/task")};
+}
+
+Holdings CountHoldingsWithThreads(long threads)
+{
+    const auto deadline = std::chrono::steady_clock::now() + kLongestEnd;
+    Holdings now = CountHoldings();
+    while (now.threads > threads && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::yield();
+        now = CountHoldings();
+    }
+    return now;
+}

@@ -1,0 +1,17 @@
+// What the process holds, counted to show that nothing is left.
+#ifndef WORKER_EVENTS_HOLDINGS_H
+#define WORKER_EVENTS_HOLDINGS_H
+
+struct Holdings {
+    long blocks;      // of the library's memory
+    long descriptors; // the look itself included, which every count has alike
+    long threads;
+};
+
+Holdings CountHoldings();
+
+// Counts again once no more than that many threads are left, or after five seconds. Scheduler
+// threads are detached, so the end of their last instructions shows in /proc only.
+Holdings CountHoldingsWithThreads(long threads);
+
+#endif // WORKER_EVENTS_HOLDINGS_H
