@@ -36,6 +36,7 @@ constinit Deadloop g_deadloop = {
     .context = nullptr,
     .used = {},
 };
+constinit thread_local bool t_deadloopIsMonitor = false;
 constinit DeadloopRow g_deadloopRows[kDeadloopSlots] = {};
 constinit DeadloopSlot g_deadloopSlots[kDeadloopSlots] = {};
 
@@ -69,11 +70,11 @@ static DeadloopSlot* LiveSlot(u32 handle)
     return live ? &slot : nullptr;
 }
 
-// Under the lock. A report function that registered or unregistered could wait for its own end.
+// A report function that registered or unregistered could wait for its own end. The thread knows
+// itself by a word of its own: its pthread id may serve another thread as soon as it is joined.
 static bool OnMonitorThread()
 {
-    return g_deadloop.state != DeadloopState::Stopped &&
-           pthread_equal(pthread_self(), g_deadloop.thread) != 0;
+    return t_deadloopIsMonitor;
 }
 
 // Under the lock, state Stopped. The new thread's first act is to wait for the lock.

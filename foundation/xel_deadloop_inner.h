@@ -58,6 +58,9 @@ struct Deadloop {
 
 extern Deadloop g_deadloop;
 
+// Set by the monitor thread for itself.
+extern constinit thread_local bool t_deadloopIsMonitor;
+
 // Zero pages until they are used: the tables cost no memory in a process without registrations.
 extern DeadloopRow g_deadloopRows[kDeadloopSlots];
 extern DeadloopSlot g_deadloopSlots[kDeadloopSlots];

@@ -198,6 +198,7 @@ static u64 CountedNs(u64 elapsedNs, u64 plannedNs)
 
 int DeadloopMonitorMain(void* /*unused*/)
 {
+    t_deadloopIsMonitor = true;
     (void)pthread_setname_np(pthread_self(), "XelDeadloop");
     MutexGuard guard(g_deadloop.lock);
     u64 lookedNs = NowNs();

@@ -36,6 +36,26 @@ TEST(DeadloopRaces, RegistrationsComeAndGoWhileTheMonitorDoes)
     EXPECT_TRUE(LogLines().empty());
 }
 
+// A new thread may get the pthread id of a monitor thread that has just been joined.
+TEST(DeadloopRaces, FreshThreadIsNeverTakenForAMonitorThatEnded)
+{
+    std::atomic<int> refused{0};
+    RunThreads([&refused] {
+        for (int round = 0; round < 60; round++) {
+            std::thread([&refused] {
+                const XelDeadloopThreshold threshold = {1, 1000, 1000, 1000};
+                uint32_t handle = 0;
+                if (XelDeadloopMonReg(&threshold, &handle) != 0 ||
+                    XelDeadloopMonUnreg(handle) != 0) {
+                    refused++;
+                }
+            }).join();
+        }
+    });
+    EXPECT_EQ(refused, 0);
+    EXPECT_TRUE(AwaitNoMonitor());
+}
+
 TEST(DeadloopRaces, StuckUnitsEndWithTheirRegistrationDuringReports)
 {
     ReportRecorder recorder;
