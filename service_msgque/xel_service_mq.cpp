@@ -1,0 +1,103 @@
+// The queue of one service: message bodies copied into tracked memory, queued in a light queue, and
+// handed to the consumer on the service's scheduler thread. A body is freed by whoever takes its
+// message out: the consumer's wake-up, or the destruction of the queue.
+#include "service_msgque/xel_service_mq_inner.h"
+
+#include "common/xel_memory.h"
+#include "msgque_light/xel_msgque_light_inner.h"
+
+XelServiceMq* ServiceMqCreate(const char* name, const XelServiceMqConfig* config)
+{
+    auto* mq = XEL_ALLOC_RECORD(XelServiceMq, kServiceMqLog);
+    if (mq == nullptr) {
+        XEL_LOG_FAIL(kServiceMqLog, "Service mq create unsuccessfully, no memory.");
+        return nullptr;
+    }
+    mq->callback = config->callback;
+    mq->userData = config->userData;
+    // Complete before the event exists that leads here.
+    mq->thread = config->thread;
+    XelLightMqConfig lightConfig = {};
+    lightConfig.capacity = config->depth;
+    lightConfig.elemSize = sizeof(XelServiceMsg);
+    (void)strncpy_s(lightConfig.name, sizeof(lightConfig.name), name, XEL_NAME_SIZE - 1);
+    lightConfig.callback = ServiceMqCbWrapper;
+    lightConfig.userData = reinterpret_cast<u64>(mq);
+    mq->queue = XelLightMqCreate(config->thread, &lightConfig);
+    if (mq->queue == nullptr) {
+        XEL_LOG_FAIL(kServiceMqLog,
+                     "Service mq create unsuccessfully, create message queue unsuccessfully.");
+        XEL_FREE(kServiceMqLog, mq);
+        return nullptr;
+    }
+    return mq;
+}
+
+void ServiceMqDestroy(XelServiceMq* mq)
+{
+    if (mq == nullptr) {
+        return;
+    }
+    ServiceMqClear(mq);
+    XelLightMqDestroy(mq->queue);
+    XEL_FREE(kServiceMqLog, mq);
+}
+
+// A queue whose mutex fails counts as empty, which ends the loop.
+void ServiceMqClear(XelServiceMq* mq)
+{
+    while (!XelLightMqIsEmpty(mq->queue)) {
+        XelServiceMsg message;
+        if (XelLightMqRead(mq->queue, &message) == XEL_OK) {
+            XEL_FREE(kServiceMqLog, message.data);
+        }
+    }
+}
+
+// A message whose wake-up failed stays queued and keeps its body, although the sender sees the
+// error; only one that was not queued is freed here.
+u32 ServiceMqSendMsg(XelServiceMq* mq, const XelServiceMsg* message)
+{
+    void* body = XEL_ALLOC(kServiceMqLog, message->len);
+    if (body == nullptr) {
+        return XEL_ENOMEM;
+    }
+    (void)memcpy_s(body, message->len, message->data, message->len);
+    XelServiceMsg queued = {};
+    queued.code = message->code;
+    const int error =
+        strncpy_s(queued.name, sizeof(queued.name), message->name, XEL_SERVICE_NAME_SIZE - 1);
+    if (error != 0) {
+        XEL_FREE(kServiceMqLog, body);
+        XEL_LOG_FAIL(kServiceMqLog, "Service mq send unsuccessfully. (ret = %d)", error);
+        return XEL_EINVAL;
+    }
+    queued.data = body;
+    queued.len = message->len;
+    bool isQueued = false;
+    const u32 ret = LightMqWriteNoting(mq->queue, &queued, &isQueued);
+    if (!isQueued) {
+        XEL_FREE(kServiceMqLog, body);
+    }
+    return ret;
+}
+
+u32 ServiceMqGetMsgNum(XelServiceMq* mq)
+{
+    return XelLightMqGetUsedNum(mq->queue);
+}
+
+// One wake-up takes one message.
+u32 ServiceMqCbWrapper(u64 data)
+{
+    auto* mq = reinterpret_cast<XelServiceMq*>(data);
+    XelServiceMsg message;
+    const u32 ret = XelLightMqRead(mq->queue, &message);
+    if (ret != XEL_OK) {
+        XEL_LOG_FAIL(kServiceMqLog, "Service mq read msg unsuccessfully. (ret = %#x)", ret);
+        return ret;
+    }
+    mq->callback(&message, mq->userData);
+    XEL_FREE(kServiceMqLog, message.data);
+    return XEL_OK;
+}

@@ -1,0 +1,193 @@
+// The list of live timers and the memory of its nodes. It owns the control block's timer half:
+// list, count, lock, and an index by address that answers handle checks as a walk of the list
+// would. A node is freed by whoever takes it out of the list, or, when its scheduler thread is
+// running it at that moment, by the end of that run.
+#include "timer/xel_timer_list.h"
+
+#include "common/xel_address_index.h"
+#include "common/xel_memory.h"
+#include "timer/xel_timer_type.h"
+
+constinit XelTimerCtrl g_xelTimerCtrl = {
+    0, {&g_xelTimerCtrl.timerList, &g_xelTimerCtrl.timerList}, PTHREAD_RWLOCK_INITIALIZER,
+    0, {&g_xelTimerCtrl.groupList, &g_xelTimerCtrl.groupList}, PTHREAD_MUTEX_INITIALIZER,
+};
+
+namespace
+{
+
+constexpr u32 kIndexBits = 14;
+
+// A node's block: the record, and behind it what only this file knows.
+struct TimerBlock {
+    XelTimerNode node;
+    AddressLink indexLink;
+    // Set and cleared by the timer's thread under the read side, read under the write side.
+    std::atomic<u32> isRunning;
+    u32 isLeft;              // the run is to release the node; written under the write side
+    TimerTypeData* typeData; // held until then; null for most
+};
+
+// Guarded by the timer lock, as the list.
+constinit AddressIndex<kIndexBits> g_index = {};
+
+TimerBlock* BlockOf(XelTimerNode* node)
+{
+    return reinterpret_cast<TimerBlock*>(node);
+}
+
+XelTimerNode* NodeOf(XelLink* link)
+{
+    return reinterpret_cast<XelTimerNode*>(reinterpret_cast<uintptr_t>(link) -
+                                           offsetof(XelTimerNode, link));
+}
+
+} // namespace
+
+TimerRun::TimerRun(XelTimerNode* node) : node_(node), isLive_(false)
+{
+    const TimerReadGuard guard;
+    if (g_index.Contains(node)) {
+        BlockOf(node)->isRunning.store(1, std::memory_order_relaxed);
+        isLive_ = true;
+    }
+}
+
+void TimerRun::End()
+{
+    if (!isLive_) {
+        return;
+    }
+    isLive_ = false;
+    TimerBlock* block = BlockOf(node_);
+    bool isLeft = false;
+    {
+        const TimerReadGuard guard;
+        block->isRunning.store(0, std::memory_order_relaxed);
+        isLeft = block->isLeft != 0;
+    }
+    if (isLeft) {
+        TimerTypeData* typeData = block->typeData;
+        TimerReleaseNode(node_);
+        TimerTypeDataRelease(typeData);
+    }
+}
+
+XelTimerNode* TimerAllocNode()
+{
+    auto* block = XEL_ALLOC_RECORD(TimerBlock, kTimerLog);
+    return block == nullptr ? nullptr : &block->node;
+}
+
+void TimerLinkNode(XelTimerNode* node)
+{
+    LinkAddFront(&g_xelTimerCtrl.timerList, &node->link);
+    g_index.Add(&BlockOf(node)->indexLink, node);
+    g_xelTimerCtrl.timerCount += 1;
+}
+
+void TimerUnlinkNode(XelTimerNode* node)
+{
+    LinkRemove(&node->link);
+    g_index.Remove(node);
+    if (g_xelTimerCtrl.timerCount > 0) {
+        g_xelTimerCtrl.timerCount -= 1;
+    }
+}
+
+bool TimerLeaveToRun(XelTimerNode* node, TimerTypeData* typeData)
+{
+    TimerBlock* block = BlockOf(node);
+    if (block->isRunning.load(std::memory_order_relaxed) == 0) {
+        return false;
+    }
+    if (typeData != nullptr) {
+        TimerTypeDataHold(typeData);
+    }
+    block->typeData = typeData;
+    block->isLeft = 1;
+    return true;
+}
+
+void TimerReleaseUnlessRunning(XelTimerNode* node)
+{
+    {
+        const TimerWriteGuard guard;
+        if (TimerLeaveToRun(node, nullptr)) {
+            return;
+        }
+    }
+    TimerReleaseNode(node);
+}
+
+void TimerReleaseNode(XelTimerNode* node)
+{
+    if (node->destructor != nullptr) {
+        node->destructor(node->userData);
+    }
+    node->magic.store(0, std::memory_order_relaxed);
+    XEL_FREE(kTimerLog, BlockOf(node));
+}
+
+void TimerAddNode(XelTimerNode* node)
+{
+    const TimerWriteGuard guard;
+    TimerLinkNode(node);
+}
+
+u32 TimerDelNode(XelTimerNode* node)
+{
+    const TimerWriteGuard guard;
+    if (!TimerIsHandleLegal(node)) {
+        XEL_LOG_FAIL(kTimerLog, "Timer handle invalid.");
+        return XEL_EINVAL;
+    }
+    TimerUnlinkNode(node);
+    return XEL_OK;
+}
+
+bool TimerIsNodeInList(const XelTimerNode* node)
+{
+    return g_index.Contains(node);
+}
+
+// The address is looked up before any field is read, so the handle of a freed timer is harmless.
+bool TimerIsHandleLegal(const XelTimerNode* node)
+{
+    return node != nullptr && TimerIsNodeInList(node) &&
+           node->magic.load(std::memory_order_relaxed) == kTimerMagic;
+}
+
+bool TimerHandleIsAvailable(const XelTimerNode* node)
+{
+    return TimerIsHandleLegal(node) &&
+           node->destroyPending.load(std::memory_order_seq_cst) != kTimerPending;
+}
+
+// The destruction is synchronous, pending timers included; a timer whose task cannot be removed
+// stays listed. Destructors run once the lock is given back.
+void TimerCommonDestroyTimer(u32 groupId, u32 typeId, TimerMatch match)
+{
+    XelLink released;
+    LinkInit(&released);
+    {
+        const TimerWriteGuard guard;
+        XelLink* next = nullptr;
+        for (XelLink* link = g_xelTimerCtrl.timerList.next; link != &g_xelTimerCtrl.timerList;
+             link = next) {
+            next = link->next;
+            XelTimerNode* node = NodeOf(link);
+            if (match(node, groupId, typeId) && TimerDetachNode(node)) {
+                TimerUnlinkNode(node);
+                if (!TimerLeaveToRun(node, TimerSharedTypeData(node))) {
+                    LinkAddFront(released.prev, link); // behind the last: destructors run in order
+                }
+            }
+        }
+    }
+    while (released.next != &released) {
+        XelTimerNode* node = NodeOf(released.next);
+        LinkRemove(&node->link);
+        TimerReleaseNode(node);
+    }
+}

@@ -1,0 +1,68 @@
+// The life of a timer's memory: from its block, through the list of live timers, to its release,
+// which waits for a run that is in progress on the timer's scheduler thread.
+#ifndef XEL_TIMER_TIMER_LIST_H
+#define XEL_TIMER_TIMER_LIST_H
+
+#include "common/xel_lock_guard.h"
+#include "timer/xel_timer_inner.h"
+
+// Holds of the timer lock.
+class TimerReadGuard : NoCopy
+{
+public:
+    TimerReadGuard() { (void)pthread_rwlock_rdlock(&g_xelTimerCtrl.timerLock); }
+    ~TimerReadGuard() { (void)pthread_rwlock_unlock(&g_xelTimerCtrl.timerLock); }
+};
+
+class TimerWriteGuard : NoCopy
+{
+public:
+    TimerWriteGuard() { (void)pthread_rwlock_wrlock(&g_xelTimerCtrl.timerLock); }
+    ~TimerWriteGuard() { (void)pthread_rwlock_unlock(&g_xelTimerCtrl.timerLock); }
+};
+
+// One run of a timer on its scheduler thread. A timer that somebody else ends meanwhile is released
+// by the end of the run.
+class TimerRun : NoCopy
+{
+public:
+    explicit TimerRun(XelTimerNode* node);
+    ~TimerRun() { End(); }
+
+    // False when the timer was gone before the run began; then nothing of it may be read.
+    bool IsLive() const { return isLive_; }
+    void End();
+
+private:
+    XelTimerNode* node_;
+    bool isLive_;
+};
+
+// Type data that a timer without user data of its own works with.
+struct TimerTypeData;
+
+// A cleared node with its index link, in one block; null without memory.
+XelTimerNode* TimerAllocNode();
+
+// Puts a node into the list; the caller holds the write side.
+void TimerLinkNode(XelTimerNode* node);
+
+// Takes a legal node out of the list; the caller holds the write side.
+void TimerUnlinkNode(XelTimerNode* node);
+
+// For a node that is out of the list, with the write side held: true when a run of it is in
+// progress; then the run releases it. typeData (may be null) is kept until then as well.
+bool TimerLeaveToRun(XelTimerNode* node, TimerTypeData* typeData);
+
+// Releases a node that is out of the list, or leaves that to a run of it that is in progress.
+// No lock held.
+void TimerReleaseUnlessRunning(XelTimerNode* node);
+
+// Releases a node that is out of the list and not running: destructor, magic, memory. No lock held.
+void TimerReleaseNode(XelTimerNode* node);
+
+// Counts the users of a type's data: the type itself, and runs of timers that outlive it.
+void TimerTypeDataHold(TimerTypeData* typeData);
+void TimerTypeDataRelease(TimerTypeData* typeData);
+
+#endif // XEL_TIMER_TIMER_LIST_H
