@@ -26,7 +26,7 @@ void UnitIsValid(benchmark::State& state)
     }
     std::shuffle(units.begin(), units.end(), std::mt19937(1));
     size_t next = 0;
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         benchmark::DoNotOptimize(FmmUnitIsValid(units[next], 0));
         next = next + 1 == units.size() ? 0 : next + 1;
     }
@@ -37,7 +37,7 @@ BENCHMARK(UnitIsValid)->Arg(16)->Arg(1000)->Arg(100000);
 void UnitAllocAndFree(benchmark::State& state)
 {
     void* pool = FmmCtrlCreate(kUnitSize, 1024, 6);
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         void* unit = FmmUnitAlloc(pool);
         benchmark::DoNotOptimize(unit);
         FmmUnitFree(unit);
@@ -51,7 +51,7 @@ void AddAndDelete(benchmark::State& state, XelDll* node)
     XelDll head;
     uint32_t counter = 0;
     XelDllInit(&head, &counter);
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         XelDllInitAndAddPrev(&head, node, nullptr);
         XelDllDel(node);
     }
@@ -79,6 +79,7 @@ void ListTakenApart(benchmark::State& state)
 {
     std::vector<XelDll> nodes(static_cast<size_t>(state.range(0)));
     std::vector<XelDll*> order;
+    order.reserve(nodes.size());
     for (XelDll& node : nodes) {
         order.push_back(&node);
     }
@@ -86,7 +87,7 @@ void ListTakenApart(benchmark::State& state)
     XelDll head;
     uint32_t counter = 0;
     XelDllInit(&head, &counter);
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         for (XelDll& node : nodes) {
             XelDllInitAndAddPrev(&head, &node, nullptr);
         }
@@ -103,7 +104,7 @@ void LogLineToNothing(benchmark::State& state)
     const int saved = dup(STDERR_FILENO);
     const int nothing = open("/dev/null", O_WRONLY);
     dup2(nothing, STDERR_FILENO);
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         LOG_InnerPrint(0, "bench/foundation/pool_bench", 1, "<unknown>", 9, 1, XEL_LOG_ERROR,
                        "Value is too large. (value = %d, name = %s)", 42, "name");
     }

@@ -369,6 +369,7 @@ TEST(List, ListsOfDifferentThreadsDoNotDisturbEachOther)
 {
     std::vector<std::thread> threads;
     std::atomic<int> wrong{0};
+    threads.reserve(4);
     for (int i = 0; i < 4; i++) {
         threads.emplace_back([&wrong] {
             XelDll head;

@@ -164,6 +164,7 @@ TEST(LogSink, OldSinkIsNeverInsideAfterItsReplacement)
     std::atomic<bool> stop{false};
     std::atomic<uint64_t> printed{0};
     std::vector<std::thread> threads;
+    threads.reserve(4);
     for (int i = 0; i < 4; i++) {
         threads.emplace_back([&] {
             while (!stop) {

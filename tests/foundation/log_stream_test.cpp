@@ -37,11 +37,13 @@ TEST(LogStream, LinesOfManyThreadsThroughAPipeAreWhole)
 {
     constexpr int kThreads = 8;
     constexpr int kLines = 60;
+    constexpr size_t kAll = size_t{kThreads} * kLines;
     StderrPipe pipe;
     std::string text;
     std::thread reader([&] { text = pipe.ReadAll(); });
     const uint64_t writes = g_fakes.writes;
     std::vector<std::thread> threads;
+    threads.reserve(kThreads);
     for (int i = 0; i < kThreads; i++) {
         threads.emplace_back([i] {
             std::mt19937 random(static_cast<uint32_t>(i));
@@ -54,11 +56,11 @@ TEST(LogStream, LinesOfManyThreadsThroughAPipeAreWhole)
     for (std::thread& thread : threads) {
         thread.join();
     }
-    EXPECT_EQ(g_fakes.writes, writes + kThreads * kLines) << "one write each";
+    EXPECT_EQ(g_fakes.writes, writes + kAll) << "one write each";
     pipe.CloseWriteEnd();
     reader.join();
     const std::vector<std::string> lines = SplitLines(text);
-    ASSERT_EQ(lines.size(), size_t{kThreads * kLines});
+    ASSERT_EQ(lines.size(), kAll);
     std::map<int, int> next;
     for (const std::string& line : lines) {
         const std::string message = MessageOf(line);

@@ -71,12 +71,13 @@ TEST(Mem, FileMayBeNull)
 TEST(Mem, CountersAreExactAfterManyThreads)
 {
     const XelMemUsage before = Usage();
-    constexpr int kThreads = 4;
-    constexpr int kRounds = 5000;
+    constexpr size_t kThreads = 4;
+    constexpr size_t kRounds = 5000;
     std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; i++) {
+    threads.reserve(kThreads);
+    for (size_t i = 0; i < kThreads; i++) {
         threads.emplace_back([] {
-            for (int round = 0; round < kRounds; round++) {
+            for (size_t round = 0; round < kRounds; round++) {
                 XEL_MemFreeF(XEL_MemAllocF(24, "file", 1, 0), "file", 2, 0);
             }
         });
