@@ -349,10 +349,6 @@ void InnerTimerDestroy(XelTimerNode* node)
         XEL_LOG_FAIL(kTimerLog, "Timer task delete unsuccessfully. (ret = %#x)", ret);
         return;
     }
-    if (node->fd >= 0) {
-        close(node->fd);
-        node->fd = -1;
-    }
     TimerReleaseUnlessRunning(node);
 }
 
@@ -363,9 +359,6 @@ bool TimerDetachNode(XelTimerNode* node)
         XEL_LOG_FAIL(kTimerLog, "Timer task delete unsuccessfully. (ret = %#x, fd = %d)", ret,
                      node->fd);
         return false;
-    }
-    if (node->fd >= 0) {
-        close(node->fd);
     }
     return true;
 }

@@ -4,6 +4,8 @@
 // running it at that moment, by the end of that run.
 #include "timer/xel_timer_list.h"
 
+#include <unistd.h>
+
 #include "common/xel_address_index.h"
 #include "common/xel_memory.h"
 #include "timer/xel_timer_type.h"
@@ -120,8 +122,14 @@ void TimerReleaseUnlessRunning(XelTimerNode* node)
     TimerReleaseNode(node);
 }
 
+// The descriptor is closed here too: a run that was in progress may still have been about to read
+// it.
 void TimerReleaseNode(XelTimerNode* node)
 {
+    if (node->fd >= 0) {
+        close(node->fd);
+        node->fd = -1;
+    }
     if (node->destructor != nullptr) {
         node->destructor(node->userData);
     }

@@ -58,7 +58,8 @@ bool TimerLeaveToRun(XelTimerNode* node, TimerTypeData* typeData);
 // No lock held.
 void TimerReleaseUnlessRunning(XelTimerNode* node);
 
-// Releases a node that is out of the list and not running: destructor, magic, memory. No lock held.
+// Releases a node that is out of the list and not running: descriptor, destructor, magic, memory.
+// No lock held.
 void TimerReleaseNode(XelTimerNode* node);
 
 // Counts the users of a type's data: the type itself, and runs of timers that outlive it.

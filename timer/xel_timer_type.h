@@ -4,7 +4,7 @@
 
 #include "timer/xel_timer_list.h"
 
-// Takes a timer off its scheduler and closes its descriptor. False (logged) when the scheduler
+// Takes a timer off its scheduler. False (logged) when the scheduler
 // refuses; then nothing was changed. The caller holds the write side of the timer lock.
 bool TimerDetachNode(XelTimerNode* node);
 
