@@ -198,13 +198,13 @@ TEST_F(ServiceMqTest, EverySenderIsHeardInItsOrder)
 {
     Worker worker;
     constexpr int kSenders = 3;
-    const int each = xeltest::IsSanitized() ? 300 : 3000;
+    constexpr int kEach = xeltest::IsSanitized() ? 300 : 3000;
     Service service("session", worker.Get(), 100000);
     {
         std::vector<std::unique_ptr<Runner>> senders;
         for (int sender = 0; sender < kSenders; ++sender) {
-            senders.push_back(std::make_unique<Runner>([sender, each] {
-                for (int i = 0; i < each; ++i) {
+            senders.push_back(std::make_unique<Runner>([sender] {
+                for (int i = 0; i < kEach; ++i) {
                     EXPECT_EQ(Send("session", std::string(1, static_cast<char>('A' + sender)) +
                                                   std::to_string(i)),
                               0U);
@@ -212,7 +212,7 @@ TEST_F(ServiceMqTest, EverySenderIsHeardInItsOrder)
             }));
         }
     }
-    ASSERT_TRUE(AwaitTrue([&] { return service.count == static_cast<size_t>(kSenders * each); }));
+    ASSERT_TRUE(AwaitTrue([&] { return service.count == static_cast<size_t>(kSenders * kEach); }));
     int next[kSenders] = {};
     for (const std::string& body : service.Bodies()) {
         int& expected = next[body[0] - 'A'];

@@ -105,7 +105,7 @@ uintptr_t ReadSlot(uintptr_t slot)
 }
 
 // Whether the program's call that returns to this address went into the library: the library has
-// then jumped on into a function of ours as its very last act. The call names either a stub
+// then jumped on into a function of ours as its very last act. The call names either a trampoline
 // (optional marks, then jmp *slot) or the slot itself.
 bool CameThroughLibrary(uintptr_t caller)
 {
@@ -115,14 +115,14 @@ bool CameThroughLibrary(uintptr_t caller)
     if (ByteAt(caller - 6) == 0xFF && ByteAt(caller - 5) == 0x15) {
         return g_library.Contains(ReadSlot(FollowDisplacement(caller)));
     }
-    uintptr_t stub = ByteAt(caller - 5) == 0xE8 ? FollowDisplacement(caller) : 0;
-    if (!g_programCode.Contains(stub) || !g_programCode.Contains(stub + 11)) {
+    uintptr_t trampoline = ByteAt(caller - 5) == 0xE8 ? FollowDisplacement(caller) : 0;
+    if (!g_programCode.Contains(trampoline) || !g_programCode.Contains(trampoline + 11)) {
         return false;
     }
-    stub += ByteAt(stub) == 0xF3 ? 4 : 0;
-    stub += ByteAt(stub) == 0xF2 ? 1 : 0;
-    const bool isStub = ByteAt(stub) == 0xFF && ByteAt(stub + 1) == 0x25;
-    return isStub && g_library.Contains(ReadSlot(FollowDisplacement(stub + 6)));
+    trampoline += ByteAt(trampoline) == 0xF3 ? 4 : 0;
+    trampoline += ByteAt(trampoline) == 0xF2 ? 1 : 0;
+    const bool isTrampoline = ByteAt(trampoline) == 0xFF && ByteAt(trampoline + 1) == 0x25;
+    return isTrampoline && g_library.Contains(ReadSlot(FollowDisplacement(trampoline + 6)));
 }
 #else
 bool CameThroughLibrary(uintptr_t /*caller*/)

@@ -255,7 +255,6 @@ TEST_F(MoxThread, DeleteWithoutTaskIsRefused)
 // A thread without memory for its buffer pauses and tries again with a larger count only.
 TEST_F(MoxThread, NoBufferIsAFailedWait)
 {
-    std::atomic<XelThreadCtrl*> thread{nullptr};
     std::atomic<u32> pauses{0};
     SetSleepHook([&](u32) { pauses.fetch_add(1); });
     MoxAttr attr;
