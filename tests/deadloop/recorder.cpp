@@ -38,6 +38,20 @@ extern "C" uint32_t LOG_InnerPrint(uint32_t logId, const char* file, uint32_t fi
     return 0;
 }
 
+// Lines of one test are not another's, also when all run in one process.
+class ForgetLinesBeforeEachTest : public testing::EmptyTestEventListener
+{
+    void OnTestStart(const testing::TestInfo& /*info*/) override
+    {
+        std::scoped_lock lock(g_logMutex);
+        g_logLines.clear();
+    }
+};
+[[maybe_unused]] static const bool g_isForgetting = [] {
+    testing::UnitTest::GetInstance()->listeners().Append(new ForgetLinesBeforeEachTest);
+    return true;
+}();
+
 std::vector<LogLine> LogLines()
 {
     std::scoped_lock lock(g_logMutex);
