@@ -121,6 +121,9 @@ XEL_API uint32_t XEL_TaskDel(SchCtrl* sch, SchTaskCtrl* task);
  * Add: creates the task of fd, binds it and registers fd on the epoll instance, edge- or
  * level-triggered as req->events says. Modify: changes the task's attributes; req->events is
  * ignored and the registration stays. Delete (req may be null): undoes the add.
+ * The registration belongs to the library, which may change it for as long as the task waits in a
+ * crowded policy and makes it as it was, at the latest when the scheduler is destroyed. Who wants to
+ * change a registration with epoll_ctl(2) registers it too: XEL_TaskCreate, XEL_TaskAdd, epoll_ctl.
  * Threads: any, also callbacks of this scheduler.
  * Returns: 0; 0xFFFFFFFF for any failure (logged; steps already done are undone, except that a
  * delete of a descriptor that this epoll instance does not know leaves its task alive, unbound).

@@ -5,6 +5,7 @@
 
 #include "common/xel_memory.h"
 #include "scheduler/xel_sch_dbg_inner.h"
+#include "scheduler/xel_sch_task_watch.h"
 #include "scheduler/xel_scheduler_inner.h"
 
 namespace
@@ -30,6 +31,21 @@ i32 EpFdOf(const SchCtrl* sch)
     return sch == nullptr ? -1 : sch->epFd.load(std::memory_order_relaxed);
 }
 
+// XEL_TaskDel but for the registration.
+u32 Unbind(SchCtrl* sch, SchTaskCtrl* task)
+{
+    void* policy = nullptr;
+    if (SchGetPolicyHandleBySchHandle(sch, &policy) != XEL_OK) {
+        return XEL_EINVAL;
+    }
+    if (SchTaskGetFdBySchHandle(task) == XEL_FAIL) {
+        return XEL_EINVAL;
+    }
+    SchTaskRmScheduler(task, policy);
+    SchDbgDelTask(sch, task);
+    return XEL_OK;
+}
+
 } // namespace
 
 uint32_t XEL_TaskAdd(SchCtrl* sch, SchTaskCtrl* task)
@@ -53,16 +69,11 @@ uint32_t XEL_TaskAdd(SchCtrl* sch, SchTaskCtrl* task)
 
 uint32_t XEL_TaskDel(SchCtrl* sch, SchTaskCtrl* task)
 {
-    void* policy = nullptr;
-    if (SchGetPolicyHandleBySchHandle(sch, &policy) != XEL_OK) {
-        return XEL_EINVAL;
+    const u32 ret = Unbind(sch, task);
+    if (ret == XEL_OK) {
+        TaskWatchEnd(task);
     }
-    if (SchTaskGetFdBySchHandle(task) == XEL_FAIL) {
-        return XEL_EINVAL;
-    }
-    SchTaskRmScheduler(task, policy);
-    SchDbgDelTask(sch, task);
-    return XEL_OK;
+    return ret;
 }
 
 void SchDbgDelTask(SchCtrl* /*sch*/, SchTaskCtrl* task)
@@ -115,6 +126,9 @@ u32 SchCreateTask(SchCtrl* sch, i32 fd, SchEpollCtlReq* req)
     struct epoll_event event = {};
     event.events = req->events | EPOLLIN;
     event.data.ptr = task;
+    if (SchMaySetAside(sch)) {
+        TaskWatchBegin(task, EpFdOf(sch), event.events);
+    }
     if (sch->epollOps.ctl(EpFdOf(sch), XEL_SCH_EPOLL_ADD, fd, &event) < 0) {
         XEL_LOG_FAIL(kSchLog,
                      "Sch fd add to epoll unsuccessfully. (epollFd = %d, fd = %d, mistake = %d)",
@@ -150,11 +164,12 @@ u32 SchDestroyTask(SchCtrl* sch, i32 fd)
         XEL_LOG_FAIL(kSchLog, "Sch delete fd unsuccessfully, invalid task handle.");
         return XEL_FAIL;
     }
-    const u32 ret = XEL_TaskDel(sch, task);
+    const u32 ret = Unbind(sch, task);
     if (ret != XEL_OK) {
         XEL_LOG_FAIL(kSchLog, "Sch delete task unsuccessfully. (ret = %#x)", ret);
         return ret;
     }
+    const TaskWatch watch = TaskWatchForget(task);
     if (sch->epollOps.ctl(EpFdOf(sch), XEL_SCH_EPOLL_DEL, fd, nullptr) == 0) {
         XEL_TaskDestroy(task);
         return XEL_OK;
@@ -162,6 +177,7 @@ u32 SchDestroyTask(SchCtrl* sch, i32 fd)
     const int error = errno;
     XEL_LOG_FAIL(kSchLog, "Sch epoll del fd unsuccessfully. (epFd = %d, fd = %d, errno = %d)",
                  EpFdOf(sch), fd, sch->epollOps.getErrNo());
+    TaskWatchUndoForget(task, fd, watch);
     if (error != ENOENT) {
         XEL_TaskDestroy(task);
     }

@@ -8,6 +8,7 @@
 #include "common/xel_memory.h"
 #include "scheduler/xel_sch_dbg_inner.h"
 #include "scheduler/xel_sch_hold.h"
+#include "scheduler/xel_sch_policy_bfs.h"
 #include "scheduler/xel_scheduler_inner.h"
 #include "xel_clock.h"
 
@@ -222,7 +223,9 @@ bool SchIsCtrlValid(SchCtrl* sch)
 // prepare comes as -1 or 0 and is passed on for the wait to refuse.
 u32 SchEventsGet(SchCtrl* sch, struct epoll_event* events, u32* count)
 {
-    const bool mayBlock = (sch->state.load(std::memory_order_relaxed) & kSchMayBlock) != 0;
+    const bool mayBlock =
+        (sch->state.load(std::memory_order_relaxed) & kSchMayBlock) != 0 &&
+        (sch->policyOps.select != SCH_BfsSelectEvents || BfsMayBlock(sch->policy));
     const i32 timeout = mayBlock ? sch->waitTimeout.load(std::memory_order_relaxed) : 0;
     auto request = static_cast<i32>(*count);
     if (request > static_cast<i32>(sch->epSize)) {

@@ -9,6 +9,7 @@
 
 #include "common/xel_list_peek.h"
 #include "common/xel_memory.h"
+#include "scheduler/xel_sch_task_watch.h"
 #include "xel_pool.h"
 #include "xel_queue.h"
 
@@ -20,6 +21,8 @@ constexpr LogSite kBfsLog{"scheduler/xel_sch_policy_bfs", 86};
 constexpr u32 kPoolNumber = 8;
 constexpr u32 kPoolMode = 1;
 constexpr u32 kBatchMin = 8;
+constexpr u32 kCrowd = 16;
+constexpr i32 kNoEpoll = -1;
 constexpr u32 kPrioPerGroup = 8;
 constexpr u64 kFifoPerDelay = 8; // type 1 picks for each type 2 pick
 constexpr u64 kSeqPerPrio = 2; // a type 2 event is overdue after this many selections per priority
@@ -32,6 +35,13 @@ enum class End { Front, Back };
 SchBfsCtrl* Instance(void* policy)
 {
     return static_cast<SchBfsCtrl*>(policy);
+}
+
+// With so many events queued it costs less to take their registrations out of epoll's ready list
+// than to hear of them again in every wait.
+bool IsCrowded(const SchBfsCtrl* ctrl)
+{
+    return ctrl->listAnchor >= kCrowd;
 }
 
 SchBfsEvent* EventOf(const XelDll* node)
@@ -157,6 +167,9 @@ void InsertEvent(SchBfsCtrl* ctrl, const struct epoll_event& event)
         return;
     }
     if (task.isFirst == 0) {
+        if (IsCrowded(ctrl) && ctrl->asideFd != kNoEpoll) {
+            TaskWatchSetAside(TaskOf(event), task.version, ctrl->asideFd);
+        }
         return;
     }
     // Counted before the range check, also when the event is dropped there: informational.
@@ -282,7 +295,13 @@ u32 TakePending(SchBfsCtrl* ctrl, u32 picked)
 {
     for (u32 i = 0; i < picked; ++i) {
         struct epoll_event* event = &ctrl->outEvents[i];
-        if (SchTaskGetEvent(TaskOf(*event), ctrl->outInfo[i].version, event) == XEL_OK) {
+        bool isOwed = false;
+        const u32 ret = SchTaskTakeEvent(TaskOf(*event), ctrl->outInfo[i].version, event,
+                                         IsCrowded(ctrl), &isOwed);
+        if (isOwed) {
+            ctrl->isOwed = 1;
+        }
+        if (ret == XEL_OK) {
             continue;
         }
         for (u32 rest = i + 1; rest < picked; ++rest) {
@@ -291,6 +310,25 @@ u32 TakePending(SchBfsCtrl* ctrl, u32 picked)
         return i;
     }
     return picked;
+}
+
+void PutBackOwed(SchBfsCtrl* ctrl)
+{
+    ctrl->isOwed = TaskWatchPutBackAll(ctrl->asideFd) ? 0 : 1;
+}
+
+// A dead task's unit may serve another one meanwhile: then a look too many does no harm.
+bool HasReadyAside(const XelDll* list)
+{
+    for (const XelDll* node = DllNext(list); node != list; node = DllNext(node)) {
+        struct epoll_event event = {};
+        SchBfsTaskInfo info = {};
+        ReadEvent(EventOf(node), &event, &info);
+        if (TaskWatchIsAside(TaskOf(event)) && TaskWatchWouldReport(TaskOf(event), info.version)) {
+            return true;
+        }
+    }
+    return false;
 }
 
 // Empties a list at destruction: no event runs, and each task can be queued again elsewhere.
@@ -361,6 +399,8 @@ u32 SchBfsCtrlInit(SchBfsCtrl* ctrl, u32 size, void* slotQueue, void* nodePool, 
 {
     ctrl->maxEvents = size;
     ctrl->batch = kBatchMin;
+    ctrl->asideFd = kNoEpoll;
+    ctrl->isOwed = 0;
     ctrl->slotQueue = slotQueue;
     ctrl->nodePool = nodePool;
     ctrl->eventPool = eventPool;
@@ -424,6 +464,9 @@ void SchBfsMaxEventAdapt(SchBfsCtrl* ctrl)
 uint32_t SCH_BfsResPrepare(void* policy)
 {
     SchBfsCtrl* ctrl = Instance(policy);
+    if (ctrl->isOwed != 0) {
+        PutBackOwed(ctrl);
+    }
     SchBfsMaxEventAdapt(ctrl);
     u32 used = XelQueGetSizeUsed(ctrl->slotQueue);
     for (; used < ctrl->batch; ++used) {
@@ -473,6 +516,28 @@ uint32_t SCH_BfsSelectEvents(void* policy, struct epoll_event** out)
             return runnable;
         }
     }
+}
+
+void BfsAllowAside(void* policy, i32 epFd)
+{
+    Instance(policy)->asideFd = epFd;
+}
+
+// Asked when nothing could be selected: what is queued then is of type 3. When none of it is ready
+// any more, the wait has to notice readiness again, so all registrations come back.
+bool BfsMayBlock(void* policy)
+{
+    SchBfsCtrl* ctrl = Instance(policy);
+    if (ctrl->asideFd == kNoEpoll || (ctrl->listAnchor == 0 && ctrl->isOwed == 0)) {
+        return true;
+    }
+    for (const XelDll& list : ctrl->groupList) {
+        if (HasReadyAside(&list)) {
+            return false;
+        }
+    }
+    PutBackOwed(ctrl);
+    return ctrl->isOwed == 0;
 }
 
 uint32_t SCH_BfsGetEventLeft(void* policy)

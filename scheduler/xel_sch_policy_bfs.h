@@ -55,10 +55,12 @@ struct SchBfsCtrl {
     u32 maxEvents;
     u32 batch;     // events to ask epoll for in the next cycle
     u32 lastCount; // events handed to the last insert
+    i32 asideFd;   // in padding: the epoll instance whose registrations may change, or -1
     void* slotQueue;
     void* nodePool;
     void* eventPool;
     u8 prioBitmap[4]; // bit p: prioList[p] has an event
+    u32 isOwed;       // in padding: 1 while some registration could not be put back
     XelDll prioList[kTaskPrioCount];
     u64 fifoServed;
     XelDll fifoList;
@@ -72,6 +74,7 @@ struct SchBfsCtrl {
     SchBfsTaskInfo outInfo[kBfsSelectMax];
     alignas(8) u32 listAnchor; // counter of all lists together: events queued now
 };
+static_assert(offsetof(SchBfsCtrl, slotQueue) == 16 && offsetof(SchBfsCtrl, prioList) == 48);
 static_assert(offsetof(SchBfsCtrl, prioBitmap) == 40 && sizeof(SchBfsCtrl) % 8 == 0);
 
 XEL_EXTERN_C_BEGIN
@@ -81,5 +84,10 @@ XEL_API u32 SchBfsCtrlInit(SchBfsCtrl* ctrl, u32 size, void* slotQueue, void* no
 XEL_API void SchBfsMaxEventAdapt(SchBfsCtrl* ctrl);
 
 XEL_EXTERN_C_END
+
+// From now on registrations of queued tasks on this Linux epoll instance may be set aside.
+void BfsAllowAside(void* policy, i32 epFd);
+// False when a blocking wait would miss the readiness of a queued task whose registration is aside.
+bool BfsMayBlock(void* policy);
 
 #endif // XEL_SCHEDULER_SCH_POLICY_BFS_H

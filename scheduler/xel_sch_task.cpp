@@ -10,6 +10,7 @@
 #include "common/xel_memory.h"
 #include "scheduler/xel_sch_task_bind.h"
 #include "scheduler/xel_sch_task_index.h"
+#include "scheduler/xel_sch_task_watch.h"
 
 constinit TaskRunCtrl g_xelTaskRunCtrl = {};
 
@@ -49,6 +50,7 @@ void BuildTask(SchTaskCtrl* task, i32 fd, const XelTaskAttr* attr)
     task->init = 1;
     SchTaskCtrlSetData(task, attr);
     task->events.store(0, std::memory_order_relaxed);
+    task->watch.store(0, std::memory_order_relaxed);
     FullBarrier();
     task->magic.store(kTaskMagic, std::memory_order_release);
 }
@@ -80,6 +82,7 @@ void RetireTask(SchTaskCtrl* task)
     XelTaskAttr empty;
     ClearRecord(&empty);
     empty.type = kDeadType;
+    TaskWatchEndLocked(task);
     TaskReleaseBindings(task);
     task->init = 0;
     task->version = 0;

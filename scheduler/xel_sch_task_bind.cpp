@@ -4,6 +4,7 @@
 
 #include "common/xel_lock_guard.h"
 #include "common/xel_memory.h"
+#include "scheduler/xel_sch_task_watch.h"
 
 namespace
 {
@@ -37,6 +38,8 @@ u32 SchTaskAddScheduler(SchTaskCtrl* task, void* sch)
         XEL_LOG_FAIL(kTaskLog, "task add scheduler unsuccessfully, alloc sll unsuccessfully.");
         return XEL_ENOMEM;
     }
+    // Bound anew, the registration may be the application's.
+    TaskWatchEndLocked(task);
     XelSllInitAndAdd(&task->schList, node, sch);
     return XEL_OK;
 }

@@ -9,20 +9,12 @@ namespace
 
 constexpr u32 kBucketCount = 1U << 16;
 
-// Behind the record in its unit.
-struct IndexLink {
-    SchTaskCtrl* next;
-    i32 fd;     // the key; the record's own descriptor is cleared before the task leaves the index
-    u32 linked; // 1 while in a bucket
-};
-static_assert(sizeof(SchTaskCtrl) + sizeof(IndexLink) <= kTaskUnitSize);
-static_assert(sizeof(SchTaskCtrl) % alignof(IndexLink) == 0);
-
 SchTaskCtrl* g_buckets[kBucketCount];
 
-IndexLink* LinkOf(SchTaskCtrl* task)
+// The key of a linked task; the record's own descriptor is cleared before it leaves the index.
+u32 KeyOf(i32 fd)
 {
-    return reinterpret_cast<IndexLink*>(task + 1);
+    return static_cast<u32>(fd) + 1;
 }
 
 SchTaskCtrl** BucketOf(i32 fd)
@@ -34,28 +26,27 @@ SchTaskCtrl** BucketOf(i32 fd)
 
 void TaskIndexAdd(SchTaskCtrl* task)
 {
-    IndexLink* link = LinkOf(task);
-    link->next = nullptr;
-    link->fd = task->fd;
-    link->linked = 1;
+    SchTaskTail* tail = TailOf(task);
+    tail->next = nullptr;
+    tail->key = KeyOf(task->fd);
     SchTaskCtrl** place = BucketOf(task->fd);
     while (*place != nullptr) {
-        place = &LinkOf(*place)->next;
+        place = &TailOf(*place)->next;
     }
     *place = task;
 }
 
 void TaskIndexRemove(SchTaskCtrl* task)
 {
-    IndexLink* link = LinkOf(task);
-    if (link->linked != 1) {
+    SchTaskTail* tail = TailOf(task);
+    if (tail->key == 0) {
         return;
     }
-    link->linked = 0;
-    for (SchTaskCtrl** place = BucketOf(link->fd); *place != nullptr;
-         place = &LinkOf(*place)->next) {
+    const auto fd = static_cast<i32>(tail->key - 1);
+    tail->key = 0;
+    for (SchTaskCtrl** place = BucketOf(fd); *place != nullptr; place = &TailOf(*place)->next) {
         if (*place == task) {
-            *place = link->next;
+            *place = tail->next;
             return;
         }
     }
@@ -63,8 +54,8 @@ void TaskIndexRemove(SchTaskCtrl* task)
 
 SchTaskCtrl* TaskIndexFind(i32 fd)
 {
-    for (SchTaskCtrl* task = *BucketOf(fd); task != nullptr; task = LinkOf(task)->next) {
-        if (LinkOf(task)->fd == fd && SchMatchTaskHandleWithAppFd(task, &fd)) {
+    for (SchTaskCtrl* task = *BucketOf(fd); task != nullptr; task = TailOf(task)->next) {
+        if (TailOf(task)->key == KeyOf(fd) && SchMatchTaskHandleWithAppFd(task, &fd)) {
             return task;
         }
     }

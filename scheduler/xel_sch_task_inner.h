@@ -7,6 +7,7 @@
 #define XEL_SCHEDULER_SCH_TASK_INNER_H
 
 #include <atomic>
+#include <cstddef>
 #include <pthread.h>
 #include <sys/time.h>
 
@@ -42,8 +43,9 @@ struct SchTaskCtrl {
     std::atomic<u32>
         magic; // written last on creation (release), first read by every user (acquire)
     XelRwlock lock;
-    XelSll schList; // handles that the task is bound to
-    u32 version;    // counter value at creation: tells this task from a later one in the same unit
+    std::atomic<u32> watch; // the registration, as far as the library may change it (task_watch)
+    XelSll schList;         // handles that the task is bound to
+    u32 version; // counter value at creation: tells this task from a later one in the same unit
     i32 fd;
     u64 insertTime;
     u64 lastInsertTime;
@@ -58,6 +60,7 @@ struct SchTaskCtrl {
     u32 schCount;            // length of schList
 };
 static_assert(sizeof(SchTaskCtrl) <= 128, "a task record fits its unit");
+static_assert(offsetof(SchTaskCtrl, schList) == 16, "the watch word lies in the padding");
 
 // The magic found in a handle; null counts as a destroyed one. Pairs with the release of creation
 // and destruction.
@@ -66,8 +69,22 @@ inline u32 TaskMagicOf(const SchTaskCtrl* task)
     return task == nullptr ? 0 : task->magic.load(std::memory_order_acquire);
 }
 
-// Size of a task's unit in the table: the record, and behind it the index link.
+// Size of a task's unit in the table: the record, and behind it the tail.
 constexpr size_t kTaskUnitSize = 128;
+
+// Behind the record in its unit: what the library keeps beside the record's own fields.
+struct SchTaskTail {
+    SchTaskCtrl* next; // in its bucket of the descriptor index; under the table lock
+    u32 key;           // descriptor + 1 while in the index, else 0; under the table lock
+    i32 epFd;          // where the descriptor is registered; under the task's lock
+};
+static_assert(sizeof(SchTaskCtrl) + sizeof(SchTaskTail) <= kTaskUnitSize);
+static_assert(sizeof(SchTaskCtrl) % alignof(SchTaskTail) == 0);
+
+inline SchTaskTail* TailOf(SchTaskCtrl* task)
+{
+    return reinterpret_cast<SchTaskTail*>(task + 1);
+}
 
 struct TaskRunCtrl {
     pthread_rwlock_t rwlock;
@@ -146,6 +163,11 @@ XEL_API u32 SchTaskGetSimpleDbgByHandle(SchTaskCtrl* task, SchTaskTraceInfo* tra
 XEL_API i32 SchGetTraceDbgInfo(SchTaskCtrl* task, SchTaskTraceInfo* trace);
 
 XEL_EXTERN_C_END
+
+// SchTaskGetEvent for a policy that is crowded: a registration that was set aside comes back for
+// one report only. *isOwed is set when it could not be put back and has to be tried again.
+u32 SchTaskTakeEvent(SchTaskCtrl* task, u32 version, struct epoll_event* event, bool isCrowded,
+                     bool* isOwed);
 
 // What a run begins with, under one hold of the task's lock: the callback with its data, and the
 // task's share of the run's record but for the time of day. 0, or 0xFFFFFFFF (logged).

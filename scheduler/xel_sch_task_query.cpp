@@ -10,6 +10,7 @@
 #include "scheduler/xel_sch_dbg_inner.h"
 #include "scheduler/xel_sch_task_bind.h"
 #include "scheduler/xel_sch_task_inner.h"
+#include "scheduler/xel_sch_task_watch.h"
 #include "xel_clock.h"
 
 namespace
@@ -27,6 +28,29 @@ void CopyTrace(const SchTaskCtrl* task, SchTaskTraceInfo* trace)
     trace->type = task->type;
     trace->prio = task->prio;
     trace->insertTime = task->insertTime;
+}
+
+// The pending mask is taken under the read hold: an exchange, since two may take at once.
+u32 TakePending(SchTaskCtrl* task, u32 version, struct epoll_event* event)
+{
+    if (!SchTaskCtrlIsValid(task)) {
+        XEL_LOG_FAIL(kTaskLog, "Task get event unsuccessfully, task is invalid.");
+        return XEL_FAIL;
+    }
+    const ReadGuard guard(task->lock);
+    if (task->init == 0) {
+        XEL_LOG_FAIL(kTaskLog, "Task get event unsuccessfully, handle has been destroyed.");
+        return XEL_FAIL;
+    }
+    if (task->version != version) {
+        XEL_LOG_FAIL(kTaskLog,
+                     "Task get event unsuccessfully, task has been aged. (old ver = %u, "
+                     "new ver = %u)",
+                     version, task->version);
+        return XEL_FAIL;
+    }
+    event->events = task->events.exchange(0, std::memory_order_relaxed);
+    return XEL_OK;
 }
 
 } // namespace
@@ -70,30 +94,28 @@ u32 SchTaskGetInfoInsert(void* sch, SchTaskCtrl* task, const struct epoll_event*
         task->insertTime = task->lastInsertTime;
     }
     task->events.store(pending | event->events, std::memory_order_relaxed);
+    TaskWatchReported(task, event->events);
     return XEL_OK;
 }
 
-// The pending mask is taken under the read hold: an exchange, since two may take at once.
 u32 SchTaskGetEvent(SchTaskCtrl* task, u32 version, struct epoll_event* event)
 {
-    if (!SchTaskCtrlIsValid(task)) {
-        XEL_LOG_FAIL(kTaskLog, "Task get event unsuccessfully, task is invalid.");
-        return XEL_FAIL;
+    bool isOwed = false;
+    return SchTaskTakeEvent(task, version, event, false, &isOwed);
+}
+
+u32 SchTaskTakeEvent(SchTaskCtrl* task, u32 version, struct epoll_event* event, bool isCrowded,
+                     bool* isOwed)
+{
+    const u32 ret = TakePending(task, version, event);
+    if (ret == XEL_OK && TaskWatchIsAside(task)) {
+        u32 events = event->events;
+        if (!TaskWatchPutBack(task, version, isCrowded, &events)) {
+            *isOwed = true;
+        }
+        event->events = events;
     }
-    const ReadGuard guard(task->lock);
-    if (task->init == 0) {
-        XEL_LOG_FAIL(kTaskLog, "Task get event unsuccessfully, handle has been destroyed.");
-        return XEL_FAIL;
-    }
-    if (task->version != version) {
-        XEL_LOG_FAIL(kTaskLog,
-                     "Task get event unsuccessfully, task has been aged. (old ver = %u, "
-                     "new ver = %u)",
-                     version, task->version);
-        return XEL_FAIL;
-    }
-    event->events = task->events.exchange(0, std::memory_order_relaxed);
-    return XEL_OK;
+    return ret;
 }
 
 void SchTaskDropEvent(SchTaskCtrl* task, u32 version)
@@ -101,9 +123,12 @@ void SchTaskDropEvent(SchTaskCtrl* task, u32 version)
     if (TaskMagicOf(task) != kTaskMagic || !FtEntryIsValid(task, false)) {
         return;
     }
-    const ReadGuard guard(task->lock);
+    const WriteGuard guard(task->lock);
     if (task->init != 0 && task->version == version) {
         task->events.store(0, std::memory_order_relaxed);
+        if (TaskWatchIsAside(task)) {
+            TaskWatchEndLocked(task);
+        }
     }
 }
 
@@ -175,6 +200,10 @@ u32 SchTaskGetDbgInfo(SchTaskCtrl* task, u32 version, SchEventCacheInfo* out)
     out->fd = task->fd;
     out->insertTime = task->insertTime;
     out->lastInsertTime = task->lastInsertTime;
+    // A wait would have inserted it again just now.
+    if (TaskWatchIsReady(task)) {
+        (void)SystimeGetMicroSec(&out->lastInsertTime);
+    }
     return XEL_OK;
 }
 

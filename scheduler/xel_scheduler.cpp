@@ -14,6 +14,8 @@
 #include "common/xel_memory.h"
 #include "scheduler/xel_sch_hold.h"
 #include "scheduler/xel_sch_inner_event.h"
+#include "scheduler/xel_sch_policy_bfs.h"
+#include "scheduler/xel_sch_task_watch.h"
 
 constinit SchRunCtrl g_xelSchRunCtrl = {};
 
@@ -267,6 +269,9 @@ u32 SchCtrlParamConstruct(SchCtrl* ctrl, u32 epFd, u32 epSize, const SchEpollOps
         return XEL_FAIL;
     }
     ctrl->epollOps = *epollOps;
+    if (SchMaySetAside(ctrl)) {
+        BfsAllowAside(ctrl->policy, static_cast<i32>(epFd));
+    }
     SchCtrlInitParam(ctrl, epFd, epSize, eventBuf);
     return XEL_OK;
 }
@@ -300,8 +305,21 @@ void SchCtrlInitParam(SchCtrl* ctrl, u32 epFd, u32 epSize, struct epoll_event* e
     ctrl->magic.store(kSchMagic, std::memory_order_release);
 }
 
+// Its own policy over plain Linux epoll; with any other operations registrations are left alone.
+bool SchMaySetAside(const SchCtrl* sch)
+{
+    const SchPolicyOps& policy = sch->policyOps;
+    return policy.create == SCH_BfsCreatePolicy && policy.destroy == SCH_BfsDestroyPolicy &&
+           policy.prepare == SCH_BfsResPrepare && policy.insert == SCH_BfsInsertEvents &&
+           policy.select == SCH_BfsSelectEvents && sch->epollOps.wait == epoll_wait &&
+           sch->epollOps.ctl == SchLinuxEpollCtlAdapt;
+}
+
 u32 SchCtrlDestroy(SchCtrl* ctrl)
 {
+    if (SchMaySetAside(ctrl)) {
+        TaskWatchEndAll(ctrl->epFd.load(std::memory_order_relaxed));
+    }
     if (ctrl->policy != nullptr && ctrl->policyOps.destroy != nullptr) {
         ctrl->policyOps.destroy(ctrl->policy);
     }

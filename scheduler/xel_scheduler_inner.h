@@ -97,4 +97,7 @@ XEL_API int SchLinuxEpollGetErrNoAdapt(void);
 
 XEL_EXTERN_C_END
 
+// True when the library may change the registrations it made for this scheduler.
+bool SchMaySetAside(const SchCtrl* sch);
+
 #endif // XEL_SCHEDULER_SCHEDULER_INNER_H
