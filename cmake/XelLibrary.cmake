@@ -34,7 +34,7 @@ function(xel_add_library name)
         $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/xelsch>)
     target_compile_options(${name} PRIVATE
         -fno-exceptions -fno-rtti -fno-threadsafe-statics -fvisibility=hidden
-        -fno-semantic-interposition -ftls-model=initial-exec)
+        -fno-semantic-interposition -fno-plt -ftls-model=initial-exec)
     target_link_options(${name} PRIVATE
         -Wl,--version-script=${map} -Wl,--no-undefined-version -Wl,-z,relro -Wl,--as-needed)
     if(NOT XEL_SANITIZE)

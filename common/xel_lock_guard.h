@@ -5,6 +5,7 @@
 #include <pthread.h>
 
 #include "common/xel_int.h"
+#include "common/xel_lock_wait.h"
 #include "xel_lock.h"
 
 // What copying a guard would break.
@@ -36,6 +37,54 @@ public:
 
 private:
     XelRwlock& lock_;
+};
+
+// Holds for a few instructions of a lock that is mostly free: then one atomic step takes it whole,
+// where a read hold needs two and a write hold three. Otherwise they are a read and a write hold.
+class ShortReadGuard : NoCopy
+{
+public:
+    explicit ShortReadGuard(XelRwlock& lock) : lock_(lock), isQuick_(RwlockQuickWriteLock(&lock))
+    {
+        if (!isQuick_) {
+            XelRwlockReadLock(&lock_);
+        }
+    }
+    ~ShortReadGuard()
+    {
+        if (isQuick_) {
+            RwlockQuickWriteUnlock(&lock_);
+        } else {
+            XelRwlockReadUnLock(&lock_);
+        }
+    }
+
+private:
+    XelRwlock& lock_;
+    bool isQuick_;
+};
+
+class ShortWriteGuard : NoCopy
+{
+public:
+    explicit ShortWriteGuard(XelRwlock& lock) : lock_(lock), isQuick_(RwlockQuickWriteLock(&lock))
+    {
+        if (!isQuick_) {
+            XelRwlockWriteLock(&lock_);
+        }
+    }
+    ~ShortWriteGuard()
+    {
+        if (isQuick_) {
+            RwlockQuickWriteUnlock(&lock_);
+        } else {
+            XelRwlockWriteUnLock(&lock_);
+        }
+    }
+
+private:
+    XelRwlock& lock_;
+    bool isQuick_;
 };
 
 class SpinGuard : NoCopy

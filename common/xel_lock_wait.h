@@ -46,6 +46,23 @@ inline void RwlockWriteLockWith(XelRwlock* lock, Idle&& idle)
     }
 }
 
+// Takes the write side in one step, if nobody is inside or waits to write; the gate stays open, and
+// the count alone keeps everybody out. Given back by RwlockQuickWriteUnlock.
+inline bool RwlockQuickWriteLock(XelRwlock* lock)
+{
+    u32 nobody = 0;
+    return Word(lock->gate).load(std::memory_order_relaxed) == kGateOpen &&
+           Word(lock->count).compare_exchange_strong(nobody, kWriterInside,
+                                                     std::memory_order_acquire,
+                                                     std::memory_order_relaxed);
+}
+
+// While a writer is inside nobody else changes the count: a store is enough.
+inline void RwlockQuickWriteUnlock(XelRwlock* lock)
+{
+    Word(lock->count).store(0, std::memory_order_release);
+}
+
 // Makes the zeroed lock of a fresh unit free. In a unit that was used before somebody may hold the
 // lock or wait for it, so nothing is overwritten: only a closed gate with nobody inside is opened.
 // Should that be a writer between its two steps, it still enters through the count alone.

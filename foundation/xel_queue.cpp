@@ -27,6 +27,17 @@ const Ring* ReadRing(const void* queue)
     return static_cast<const Ring*>(queue);
 }
 
+// Two words, the commonest element, are not worth a call.
+void CopyElem(void* to, const void* from, u64 size)
+{
+    constexpr u64 kTwoWords = 16;
+    if (size == kTwoWords) {
+        memcpy(to, from, kTwoWords);
+    } else {
+        memcpy(to, from, size);
+    }
+}
+
 Ring* CreateRing(u32 elemSize, u32 capacity)
 {
     size_t size = 0;
@@ -48,8 +59,8 @@ u32 Enqueue(Ring* ring, const void* elem)
         return XEL_FAIL;
     }
     const u64 place = u64{ring->oldest} + ring->used;
-    memcpy(PlaceAt(*ring, place < ring->capacity ? place : place - ring->capacity), elem,
-           ring->elemSize);
+    CopyElem(PlaceAt(*ring, place < ring->capacity ? place : place - ring->capacity), elem,
+             ring->elemSize);
     ring->used++;
     return XEL_OK;
 }
@@ -59,7 +70,7 @@ u32 CopyOldest(Ring* ring, void* out)
     if (ring == nullptr || out == nullptr || ring->used == 0) {
         return XEL_FAIL;
     }
-    memcpy(out, PlaceAt(*ring, ring->oldest), ring->elemSize);
+    CopyElem(out, PlaceAt(*ring, ring->oldest), ring->elemSize);
     return XEL_OK;
 }
 

@@ -36,7 +36,9 @@ public:
     ~DispatchHold()
     {
         if (isHeld_) {
-            XelSpinlockUnLock(&lock_);
+            // Nobody waits for the lock, and the scheduler's lock is given back next: a releasing
+            // store is all that the next cycle needs.
+            Word(lock_.word).store(0, std::memory_order_release);
         }
     }
     bool IsHeld() const { return isHeld_; }
@@ -99,6 +101,14 @@ void StampTimeOfDay(SchTaskTraceInfo* record)
     }
 }
 
+// With the library's own policy the steps are called directly, and its events come with tasks that
+// it checked when it inserted them.
+bool IsBfs(const SchCtrl* sch)
+{
+    return sch->policyOps.insert == SCH_BfsInsertEvents &&
+           sch->policyOps.select == SCH_BfsSelectEvents;
+}
+
 // Waits. False after a failure, which is counted, logged and slept for.
 bool WaitForEvents(SchCtrl* sch, u32* count)
 {
@@ -121,6 +131,11 @@ bool ApplyPolicy(SchCtrl* sch, struct epoll_event** run, u32* count)
     if (sch->policy == nullptr) {
         return true;
     }
+    if (IsBfs(sch)) {
+        (void)SCH_BfsInsertEvents(sch->policy, sch->eventBuf, *count);
+        *count = SCH_BfsSelectEvents(sch->policy, run);
+        return true;
+    }
     const u32 ret = sch->policyOps.insert(sch->policy, sch->eventBuf, *count);
     if (ret != XEL_OK) {
         SchDbgAddErrStat(EpFdOf(sch), SCH_ERR_INSERT);
@@ -138,6 +153,31 @@ void SetMayBlock(SchCtrl* sch, bool mayBlock)
     const u32 state = sch->state.load(std::memory_order_relaxed);
     sch->state.store(mayBlock ? state | kSchMayBlock : state & ~kSchMayBlock,
                      std::memory_order_relaxed);
+}
+
+// The record is cleared once per cycle, so the trace of the first event carries eventLeft 0 and
+// each later one the value taken after the event before it.
+void RunEvents(SchCtrl* sch, const DispatchHook& hook, struct epoll_event* events, i32 n,
+               bool isUnitKnown)
+{
+    SchTaskTraceInfo record;
+    record.eventLeft = 0;
+    for (i32 i = 0; i < n; ++i) {
+        XelTaskUsrCb callback = {};
+        if (SchTaskBeginRun(TaskOf(events[i]), isUnitKnown, &callback, &record) != XEL_OK) {
+            SchDbgAddErrStat(EpFdOf(sch), SCH_ERR_INVALID_TASK);
+            XEL_LOG_FAIL(kSchLog, "Event process, invalid task-ctrl.");
+            continue;
+        }
+        if (callback.proc == nullptr) {
+            continue;
+        }
+        record.startTime = NowUs();
+        StampTimeOfDay(&record);
+        RunProc(sch, hook, callback, &events[i]);
+        const u64 end = NowUs();
+        SchDbgInfoRecordAfterProcess(sch, &record, end, end - record.startTime);
+    }
 }
 
 CycleEnd RunCycle(SchCtrl* sch, u64 context, SchDispatchHook hook)
@@ -160,7 +200,7 @@ CycleEnd RunCycle(SchCtrl* sch, u64 context, SchDispatchHook hook)
         return CycleEnd::Done;
     }
     SetMayBlock(sch, count == 0);
-    SchEventsProcess(sch, context, hook, run, static_cast<i32>(count));
+    RunEvents(sch, DispatchHook{context, hook}, run, static_cast<i32>(count), IsBfs(sch));
     return CycleEnd::Done;
 }
 
@@ -250,29 +290,10 @@ u32 SchEventsGet(SchCtrl* sch, struct epoll_event* events, u32* count)
     return XEL_OK;
 }
 
-// The record is cleared once per cycle, so the trace of the first event carries eventLeft 0 and
-// each later one the value taken after the event before it.
 void SchEventsProcess(SchCtrl* sch, u64 context, SchDispatchHook hook, struct epoll_event* events,
                       i32 n)
 {
-    SchTaskTraceInfo record;
-    record.eventLeft = 0;
-    for (i32 i = 0; i < n; ++i) {
-        XelTaskUsrCb callback = {};
-        if (SchTaskBeginRun(TaskOf(events[i]), &callback, &record) != XEL_OK) {
-            SchDbgAddErrStat(EpFdOf(sch), SCH_ERR_INVALID_TASK);
-            XEL_LOG_FAIL(kSchLog, "Event process, invalid task-ctrl.");
-            continue;
-        }
-        if (callback.proc == nullptr) {
-            continue;
-        }
-        record.startTime = NowUs();
-        StampTimeOfDay(&record);
-        RunProc(sch, DispatchHook{context, hook}, callback, &events[i]);
-        const u64 end = NowUs();
-        SchDbgInfoRecordAfterProcess(sch, &record, end, end - record.startTime);
-    }
+    RunEvents(sch, DispatchHook{context, hook}, events, n, false);
 }
 
 // The two steps around a run as a diagnostics component may call them.

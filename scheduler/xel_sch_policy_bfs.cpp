@@ -21,7 +21,7 @@ constexpr LogSite kBfsLog{"scheduler/xel_sch_policy_bfs", 86};
 constexpr u32 kPoolNumber = 8;
 constexpr u32 kPoolMode = 1;
 constexpr u32 kBatchMin = 8;
-constexpr u32 kCrowd = 16;
+constexpr u32 kCrowd = 6;
 constexpr i32 kNoEpoll = -1;
 constexpr u32 kPrioPerGroup = 8;
 constexpr u64 kFifoPerDelay = 8; // type 1 picks for each type 2 pick

@@ -170,8 +170,10 @@ u32 SchTaskTakeEvent(SchTaskCtrl* task, u32 version, struct epoll_event* event, 
                      bool* isOwed);
 
 // What a run begins with, under one hold of the task's lock: the callback with its data, and the
-// task's share of the run's record but for the time of day. 0, or 0xFFFFFFFF (logged).
-u32 SchTaskBeginRun(SchTaskCtrl* task, XelTaskUsrCb* callback, SchTaskTraceInfo* trace);
+// task's share of the run's record but for the time of day. isUnitKnown: the handle was found to be
+// a unit of the table before, so that its magic tells the rest. 0, or 0xFFFFFFFF (logged).
+u32 SchTaskBeginRun(SchTaskCtrl* task, bool isUnitKnown, XelTaskUsrCb* callback,
+                    SchTaskTraceInfo* trace);
 
 // An event of the task is dropped unrun: clears the pending mask when the version is still the
 // same, so that the task can be queued again. Silent.

@@ -30,14 +30,21 @@ void CopyTrace(const SchTaskCtrl* task, SchTaskTraceInfo* trace)
     trace->insertTime = task->insertTime;
 }
 
-// The pending mask is taken under the read hold: an exchange, since two may take at once.
-u32 TakePending(SchTaskCtrl* task, u32 version, struct epoll_event* event)
+// A unit leaves the table only after its magic was cleared, so that for a known unit the magic is
+// the whole check.
+bool IsLive(const SchTaskCtrl* task, bool isUnitKnown)
 {
-    if (!SchTaskCtrlIsValid(task)) {
+    return (isUnitKnown && TaskMagicOf(task) == kTaskMagic) || SchTaskCtrlIsValid(task);
+}
+
+// The pending mask is taken under the read hold: an exchange, since two may take at once.
+u32 TakePending(SchTaskCtrl* task, bool isUnitKnown, u32 version, struct epoll_event* event)
+{
+    if (!IsLive(task, isUnitKnown)) {
         XEL_LOG_FAIL(kTaskLog, "Task get event unsuccessfully, task is invalid.");
         return XEL_FAIL;
     }
-    const ReadGuard guard(task->lock);
+    const ShortReadGuard guard(task->lock);
     if (task->init == 0) {
         XEL_LOG_FAIL(kTaskLog, "Task get event unsuccessfully, handle has been destroyed.");
         return XEL_FAIL;
@@ -51,6 +58,17 @@ u32 TakePending(SchTaskCtrl* task, u32 version, struct epoll_event* event)
     }
     event->events = task->events.exchange(0, std::memory_order_relaxed);
     return XEL_OK;
+}
+
+// What the descriptor is ready for by now joins the mask, and its registration comes back.
+void PutBack(SchTaskCtrl* task, u32 version, struct epoll_event* event, bool isCrowded,
+             bool* isOwed)
+{
+    u32 events = event->events;
+    if (!TaskWatchPutBack(task, version, isCrowded, &events)) {
+        *isOwed = true;
+    }
+    event->events = events;
 }
 
 } // namespace
@@ -68,7 +86,7 @@ u32 SchTaskGetInfoInsert(void* sch, SchTaskCtrl* task, const struct epoll_event*
         XEL_LOG_FAIL(kTaskLog, "Task get info unsuccessfully, input is not valid.");
         return XEL_FAIL;
     }
-    const WriteGuard guard(task->lock);
+    const ShortWriteGuard guard(task->lock);
     if (task->init == 0) {
         XEL_LOG_FAIL(kTaskLog,
                      "Task get info unsuccessfully, task handle had been destroyed already, "
@@ -100,20 +118,20 @@ u32 SchTaskGetInfoInsert(void* sch, SchTaskCtrl* task, const struct epoll_event*
 
 u32 SchTaskGetEvent(SchTaskCtrl* task, u32 version, struct epoll_event* event)
 {
-    bool isOwed = false;
-    return SchTaskTakeEvent(task, version, event, false, &isOwed);
+    const u32 ret = TakePending(task, false, version, event);
+    if (ret == XEL_OK && TaskWatchIsAside(task)) {
+        bool isOwed = false;
+        PutBack(task, version, event, false, &isOwed);
+    }
+    return ret;
 }
 
 u32 SchTaskTakeEvent(SchTaskCtrl* task, u32 version, struct epoll_event* event, bool isCrowded,
                      bool* isOwed)
 {
-    const u32 ret = TakePending(task, version, event);
+    const u32 ret = TakePending(task, true, version, event);
     if (ret == XEL_OK && TaskWatchIsAside(task)) {
-        u32 events = event->events;
-        if (!TaskWatchPutBack(task, version, isCrowded, &events)) {
-            *isOwed = true;
-        }
-        event->events = events;
+        PutBack(task, version, event, isCrowded, isOwed);
     }
     return ret;
 }
@@ -123,7 +141,7 @@ void SchTaskDropEvent(SchTaskCtrl* task, u32 version)
     if (TaskMagicOf(task) != kTaskMagic || !FtEntryIsValid(task, false)) {
         return;
     }
-    const WriteGuard guard(task->lock);
+    const ShortWriteGuard guard(task->lock);
     if (task->init != 0 && task->version == version) {
         task->events.store(0, std::memory_order_relaxed);
         if (TaskWatchIsAside(task)) {
@@ -132,13 +150,14 @@ void SchTaskDropEvent(SchTaskCtrl* task, u32 version)
     }
 }
 
-u32 SchTaskBeginRun(SchTaskCtrl* task, XelTaskUsrCb* callback, SchTaskTraceInfo* trace)
+u32 SchTaskBeginRun(SchTaskCtrl* task, bool isUnitKnown, XelTaskUsrCb* callback,
+                    SchTaskTraceInfo* trace)
 {
-    if (!SchTaskCtrlIsValid(task)) {
+    if (!IsLive(task, isUnitKnown)) {
         XEL_LOG_FAIL(kTaskLog, "Task get info process unsuccessfully, task is invalid.");
         return XEL_FAIL;
     }
-    const ReadGuard guard(task->lock);
+    const ShortReadGuard guard(task->lock);
     if (task->init == 0) {
         XEL_LOG_FAIL(kTaskLog,
                      "Task get info process unsuccessfully, handle has been destroyed. (init = %d)",
@@ -154,7 +173,7 @@ u32 SchTaskGetInfoProcess(SchTaskCtrl* task, XelTaskProc* proc, u64* data)
 {
     XelTaskUsrCb callback = {};
     SchTaskTraceInfo unused;
-    const u32 ret = SchTaskBeginRun(task, &callback, &unused);
+    const u32 ret = SchTaskBeginRun(task, false, &callback, &unused);
     if (ret == XEL_OK) {
         *proc = callback.proc;
         *data = callback.data;

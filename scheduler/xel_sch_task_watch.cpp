@@ -95,7 +95,7 @@ bool EndOnEpFd(void* record, const void* key)
 {
     auto* task = static_cast<SchTaskCtrl*>(record);
     if (WatchOf(task) != 0) {
-        const WriteGuard guard(task->lock);
+        const ShortWriteGuard guard(task->lock);
         if (IsWatchedOn(task, *static_cast<const i32*>(key))) {
             TaskWatchEndLocked(task);
         }
@@ -110,7 +110,7 @@ bool FailsToComeBack(void* record, const void* key)
     if (!TaskWatchIsAside(task)) {
         return false;
     }
-    const WriteGuard guard(task->lock);
+    const ShortWriteGuard guard(task->lock);
     const u32 watch = WatchOf(task);
     return (watch & kWatchAside) != 0 && IsWatchedOn(task, *static_cast<const i32*>(key)) &&
            !PutBackLocked(task, watch, false);
@@ -135,7 +135,7 @@ void TaskWatchBegin(SchTaskCtrl* task, i32 epFd, u32 events)
     if ((events & ~kPlainEvents) != 0) {
         return;
     }
-    const WriteGuard guard(task->lock);
+    const ShortWriteGuard guard(task->lock);
     TailOf(task)->epFd = epFd;
     SetWatch(task, events | kWatchOn);
 }
@@ -152,7 +152,7 @@ void TaskWatchEndLocked(SchTaskCtrl* task)
 void TaskWatchEnd(SchTaskCtrl* task)
 {
     if (WatchOf(task) != 0) {
-        const WriteGuard guard(task->lock);
+        const ShortWriteGuard guard(task->lock);
         TaskWatchEndLocked(task);
     }
 }
@@ -167,7 +167,7 @@ TaskWatch TaskWatchForget(SchTaskCtrl* task)
     if (WatchOf(task) == 0) {
         return {0, -1};
     }
-    const WriteGuard guard(task->lock);
+    const ShortWriteGuard guard(task->lock);
     const TaskWatch watch = {WatchOf(task), TailOf(task)->epFd};
     SetWatch(task, 0);
     return watch;
@@ -194,7 +194,7 @@ void TaskWatchChangeByReport(SchTaskCtrl* task, u32 watch, u32 events)
 
 void TaskWatchSetAside(SchTaskCtrl* task, u32 version, i32 epFd)
 {
-    const WriteGuard guard(task->lock);
+    const ShortWriteGuard guard(task->lock);
     if (!CanBeSetAside(task, version) || TailOf(task)->epFd != epFd) {
         return;
     }
@@ -204,7 +204,7 @@ void TaskWatchSetAside(SchTaskCtrl* task, u32 version, i32 epFd)
 
 bool TaskWatchPutBack(SchTaskCtrl* task, u32 version, bool forOnce, u32* events)
 {
-    const WriteGuard guard(task->lock);
+    const ShortWriteGuard guard(task->lock);
     const u32 watch = WatchOf(task);
     if (task->version != version || (watch & kWatchAside) == 0) {
         return true;

@@ -20,7 +20,7 @@ using namespace schtest;
 using xeltest::Call;
 
 constexpr int kMany = 200;
-constexpr int kFew = 8;
+constexpr int kFew = 5;
 
 std::vector<u64> g_ran; // data of each callback
 
