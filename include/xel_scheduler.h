@@ -100,6 +100,8 @@ XEL_API void XEL_SchDestroy(SchCtrl* sch);
  * sleep, so that a loop on a broken scheduler does not spin.
  * Threads: one at a time per scheduler; a second one is refused with a log line and the sleep.
  * Blocks: in epoll, and for the callbacks.
+ * A caller that asks the epoll descriptor itself whether to dispatch (it is nested in another loop)
+ * dispatches also while events are queued: those do not always keep the descriptor readable.
  */
 XEL_API void XEL_SchDispatch(SchCtrl* sch);
 

@@ -43,14 +43,14 @@ void ServiceMqDestroy(XelServiceMq* mq)
     XEL_FREE(kServiceMqLog, mq);
 }
 
-// A queue whose mutex fails counts as empty, which ends the loop.
+// A queue whose mutex fails counts as empty, which ends the loop. A failed read that took nothing
+// leaves a null body.
 void ServiceMqClear(XelServiceMq* mq)
 {
     while (!XelLightMqIsEmpty(mq->queue)) {
-        XelServiceMsg message;
-        if (XelLightMqRead(mq->queue, &message) == XEL_OK) {
-            XEL_FREE(kServiceMqLog, message.data);
-        }
+        XelServiceMsg message = {};
+        (void)XelLightMqRead(mq->queue, &message);
+        XEL_FREE(kServiceMqLog, message.data);
     }
 }
 
@@ -87,17 +87,20 @@ u32 ServiceMqGetMsgNum(XelServiceMq* mq)
     return XelLightMqGetUsedNum(mq->queue);
 }
 
-// One wake-up takes one message.
+// One wake-up takes one message. A read that failed after it took the message leaves a body to
+// free, any other null. The message is the consumer's to change, so its body is kept aside.
 u32 ServiceMqCbWrapper(u64 data)
 {
     auto* mq = reinterpret_cast<XelServiceMq*>(data);
-    XelServiceMsg message;
+    XelServiceMsg message = {};
     const u32 ret = XelLightMqRead(mq->queue, &message);
+    void* body = message.data;
     if (ret != XEL_OK) {
         XEL_LOG_FAIL(kServiceMqLog, "Service mq read msg unsuccessfully. (ret = %#x)", ret);
+        XEL_FREE(kServiceMqLog, body);
         return ret;
     }
     mq->callback(&message, mq->userData);
-    XEL_FREE(kServiceMqLog, message.data);
+    XEL_FREE(kServiceMqLog, body);
     return XEL_OK;
 }

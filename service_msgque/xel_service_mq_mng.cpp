@@ -78,6 +78,15 @@ XelServiceMq* FindDestination(const char* name)
     return entry->mq;
 }
 
+// A name that is too long need not have a terminator in reach.
+void LogUnknown(const char* name)
+{
+    char text[XEL_SERVICE_NAME_SIZE + 1] = {};
+    (void)strncpy_s(text, sizeof(text), name, XEL_SERVICE_NAME_SIZE);
+    XEL_LOG_FAIL(kServiceMqMngLog, "Service mq destination service not exist. (service = %s)",
+                 text);
+}
+
 } // namespace
 
 // Each character counts with its sign.
@@ -225,9 +234,7 @@ uint32_t XEL_ServiceMqGetMsgNum(const char* name)
     }
     const XelServiceMqEntry* entry = FindEntry(name);
     if (entry == nullptr) {
-        // A name that is too long need not have a terminator in reach.
-        XEL_LOG_FAIL(kServiceMqMngLog, "Service mq destination service not exist. (service = %.*s)",
-                     static_cast<int>(XEL_SERVICE_NAME_SIZE), name);
+        LogUnknown(name);
         return XEL_FAIL;
     }
     return ServiceMqGetMsgNum(entry->mq);
