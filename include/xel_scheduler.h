@@ -123,9 +123,10 @@ XEL_API uint32_t XEL_TaskDel(SchCtrl* sch, SchTaskCtrl* task);
  * Add: creates the task of fd, binds it and registers fd on the epoll instance, edge- or
  * level-triggered as req->events says. Modify: changes the task's attributes; req->events is
  * ignored and the registration stays. Delete (req may be null): undoes the add.
- * The registration belongs to the library, which may change it for as long as the task waits in a
- * crowded policy and makes it as it was, at the latest when the scheduler is destroyed. Who wants to
- * change a registration with epoll_ctl(2) registers it too: XEL_TaskCreate, XEL_TaskAdd, epoll_ctl.
+ * While the task is queued in a crowded policy the library may take the registration out of the
+ * ready list; it is as it was made when the callback runs, and at the latest when the scheduler is
+ * destroyed. A registration that the application changes with epoll_ctl(2) is best changed in the
+ * task's callback.
  * Threads: any, also callbacks of this scheduler.
  * Returns: 0; 0xFFFFFFFF for any failure (logged; steps already done are undone, except that a
  * delete of a descriptor that this epoll instance does not know leaves its task alive, unbound).

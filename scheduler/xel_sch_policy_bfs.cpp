@@ -168,7 +168,7 @@ void InsertEvent(SchBfsCtrl* ctrl, const struct epoll_event& event)
     }
     if (task.isFirst == 0) {
         if (IsCrowded(ctrl) && ctrl->asideFd != kNoEpoll) {
-            TaskWatchSetAside(TaskOf(event), task.version, ctrl->asideFd);
+            TaskWatchSetAside(TaskOf(event), task.version, ctrl->asideFd, event.events);
         }
         return;
     }

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <poll.h>
+#include <sys/stat.h>
 
 #include "common/xel_lock_guard.h"
 
@@ -58,6 +59,24 @@ u32 ReadinessOf(i32 fd, u32 watch)
     return static_cast<u32>(look.revents) & (wanted | kAlwaysReported);
 }
 
+// Looked up once per registration.
+u32 KindOf(i32 fd)
+{
+    struct stat status = {};
+    if (fstat(fd, &status) != 0) {
+        return kWatchVarying;
+    }
+    const bool isAnonymous = (status.st_mode & S_IFMT) == 0; // eventfd, timerfd, signalfd ...
+    return isAnonymous || S_ISFIFO(status.st_mode) ? kWatchSteady : kWatchVarying;
+}
+
+// Only what is ready tells by its report whether it is still registered.
+bool IsAsRegistered(i32 fd, u32 watch, u32 events)
+{
+    constexpr u32 kBoth = EPOLLIN | EPOLLOUT;
+    return (ReadinessOf(fd, kBoth) & kBoth) == kBoth && ((events ^ watch) & kBoth) == 0;
+}
+
 // Only a task that is bound once is queued where it is reported, and nowhere else.
 bool CanBeSetAside(const SchTaskCtrl* task, u32 version)
 {
@@ -73,9 +92,10 @@ bool PutBackLocked(SchTaskCtrl* task, u32 watch, bool forOnce)
 {
     const i32 epFd = TailOf(task)->epFd;
     const u32 events = watch & kWatchMask;
-    const u32 oneShot = forOnce ? u32{EPOLLONESHOT} : 0;
+    const bool isOnce = forOnce && (watch & kWatchSteady) != 0;
+    const u32 oneShot = isOnce ? u32{EPOLLONESHOT} : 0;
     if (Control(task, epFd, EPOLL_CTL_MOD, task->fd, events | oneShot) == 0) {
-        SetWatch(task, events | kWatchOn | (forOnce ? kWatchOnce : 0));
+        SetWatch(task, (watch & ~kWatchAside) | (isOnce ? kWatchOnce : 0));
         return true;
     }
     if (!Modify(task, epFd, task->fd, events)) {
@@ -192,14 +212,22 @@ void TaskWatchChangeByReport(SchTaskCtrl* task, u32 watch, u32 events)
     }
 }
 
-void TaskWatchSetAside(SchTaskCtrl* task, u32 version, i32 epFd)
+void TaskWatchSetAside(SchTaskCtrl* task, u32 version, i32 epFd, u32 events)
 {
     const ShortWriteGuard guard(task->lock);
     if (!CanBeSetAside(task, version) || TailOf(task)->epFd != epFd) {
         return;
     }
+    u32 watch = WatchOf(task);
+    if ((watch & kWatchKind) == 0) {
+        watch |= KindOf(task->fd);
+        SetWatch(task, watch);
+    }
+    if ((watch & kWatchSteady) == 0 && !IsAsRegistered(task->fd, watch, events)) {
+        return;
+    }
     const bool isAside = Control(task, epFd, EPOLL_CTL_MOD, task->fd, kSilent) == 0;
-    SetWatch(task, isAside ? WatchOf(task) | kWatchAside : 0);
+    SetWatch(task, isAside ? watch | kWatchAside : 0);
 }
 
 bool TaskWatchPutBack(SchTaskCtrl* task, u32 version, bool forOnce, u32* events)

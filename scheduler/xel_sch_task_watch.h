@@ -9,6 +9,10 @@
 //                                                ^  \--(selected, still crowded)--> once
 //                                                \------------(reported)-----------/
 //
+// Owners of sockets change what they wait for, by epoll_ctl(2) as the library offers no way. So a
+// socket is set aside only when its report shows the registration as it was made, and it always
+// comes back plainly, before its callback runs.
+//
 // The word `watch` of a task holds the registered mask and the state; 0: not the library's to
 // change. It changes under the write side of the task's lock, the kernel's registration with it, so
 // that no modify meets a descriptor that was deleted meanwhile.
@@ -23,6 +27,10 @@ constexpr u32 kWatchMask = 0xFFFF;    // the events as registered
 constexpr u32 kWatchOn = 1U << 16;    // registered by the library
 constexpr u32 kWatchOnce = 1U << 17;  // registered for one report
 constexpr u32 kWatchAside = 1U << 18; // out of the ready list
+// What the descriptor is, once somebody has looked.
+constexpr u32 kWatchSteady = 1U << 19;  // nobody changes its registration: a counter, timer, pipe
+constexpr u32 kWatchVarying = 1U << 20; // its owner may
+constexpr u32 kWatchKind = kWatchSteady | kWatchVarying;
 constexpr u32 kAlwaysReported = EPOLLERR | EPOLLHUP;
 
 // What a deletion needs to undo itself.
@@ -49,8 +57,8 @@ void TaskWatchUndoForget(SchTaskCtrl* task, i32 fd, TaskWatch watch);
 // A report of the task that its state needs to know of; see TaskWatchReported.
 void TaskWatchChangeByReport(SchTaskCtrl* task, u32 watch, u32 events);
 
-// A queued task of that version was reported again by epFd to a crowded policy.
-void TaskWatchSetAside(SchTaskCtrl* task, u32 version, i32 epFd);
+// A queued task of that version was reported again, with these events, by epFd to a crowded policy.
+void TaskWatchSetAside(SchTaskCtrl* task, u32 version, i32 epFd, u32 events);
 
 // A task of that version was selected: adds to *events what its descriptor is ready for by now, and
 // puts the registration back. False when that failed and has to be tried again.

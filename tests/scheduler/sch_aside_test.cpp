@@ -184,7 +184,7 @@ TEST_F(SchAside, OtherEpollOperationsAreLeftAlone)
     RemoveBulk(sch.Get());
 }
 
-// Sockets: readiness of several kinds that comes while the registration is aside.
+// Readiness of several kinds that comes while the registration is aside.
 class SchAsideMask : public SchAside
 {
 protected:
@@ -194,22 +194,16 @@ protected:
         return 0;
     }
 
-    void SetUp() override
+    // Urgent bulk keeps the task of fd queued, and reported again, for ever.
+    void Queue(int fd, u32 events)
     {
-        masks_.clear();
-        int pair[2];
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, pair), 0);
-        near_ = Fd(pair[0]);
-        far_ = Fd(pair[1]);
         AddBulk(sch_.Get(), 30, XEL_TASK_TYPE_PRIO);
-        ASSERT_EQ(AddFd(sch_.Get(), near_.Get(), {NoteMask, 0, XEL_TASK_TYPE_DELAY, 4, "socket"},
-                        EPOLLIN | EPOLLOUT | EPOLLRDHUP),
-                  0U);
-        // Urgent bulk keeps the socket's task queued, and reported again, for ever.
+        ASSERT_EQ(AddFd(sch_.Get(), fd, {NoteMask, 0, XEL_TASK_TYPE_DELAY, 4, "mask"}, events), 0U);
+        queued_ = fd;
         Dispatch(sch_.Get(), 300);
         ASSERT_TRUE(masks_.empty());
-        ASSERT_EQ(Registrations(sch_.EpFd())[near_.Get()], u32{EPOLLONESHOT});
     }
+    u32 Registered() { return Registrations(sch_.EpFd())[queued_]; }
 
     u32 MaskOfItsRun()
     {
@@ -222,41 +216,58 @@ protected:
         return masks_.empty() ? 0 : masks_.front();
     }
 
+    void SetUp() override { masks_.clear(); }
     void TearDown() override
     {
-        EXPECT_EQ(DelFd(sch_.Get(), near_.Get()), 0U);
+        EXPECT_EQ(DelFd(sch_.Get(), queued_), 0U);
         RemoveBulk(sch_.Get());
         sch_.Destroy();
     }
 
     static inline std::vector<u32> masks_;
     TestSch sch_{Policy::Bfs, 32};
-    Fd near_;
-    Fd far_;
+    Fd own_; // outlives its task
+    int queued_ = -1;
 };
 
-TEST_F(SchAsideMask, InputThatCameMeanwhileIsInTheMask)
+// An eventfd just below its limit is readable and not writable.
+constexpr u64 kFullCounter = 0xFFFFFFFFFFFFFFFE;
+
+TEST_F(SchAsideMask, ReadinessThatCameMeanwhileIsInTheMask)
 {
-    ASSERT_EQ(write(far_.Get(), "x", 1), 1);
+    own_ = Fd::Event(0);
+    Signal(own_.Get(), kFullCounter);
+    Queue(own_.Get(), EPOLLIN | EPOLLOUT);
+    EXPECT_EQ(Registered(), u32{EPOLLONESHOT});
+    Drain(own_.Get());
+    EXPECT_EQ(MaskOfItsRun(), u32{EPOLLIN | EPOLLOUT});
+}
+
+TEST_F(SchAsideMask, ReadinessThatIsGoneStaysInTheMask)
+{
+    own_ = Fd::Event(1);
+    Queue(own_.Get(), EPOLLIN | EPOLLOUT);
+    EXPECT_EQ(Registered(), u32{EPOLLONESHOT});
+    Drain(own_.Get());
     EXPECT_EQ(MaskOfItsRun(), u32{EPOLLIN | EPOLLOUT});
 }
 
 TEST_F(SchAsideMask, HangUpThatCameMeanwhileIsInTheMask)
 {
-    far_.Reset();
-    EXPECT_EQ(MaskOfItsRun(), u32{EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLHUP});
-}
-
-TEST_F(SchAsideMask, ReadinessThatIsGoneStaysInTheMask)
-{
-    char fill[4096] = {};
-    while (write(near_.Get(), fill, sizeof(fill)) > 0) {
-    }
-    EXPECT_EQ(MaskOfItsRun(), u32{EPOLLOUT});
+    xeltest::Pipe pipe;
+    ASSERT_EQ(write(pipe.writeEnd.Get(), "x", 1), 1);
+    own_ = Fd(pipe.readEnd.Release());
+    Queue(own_.Get(), EPOLLIN);
+    EXPECT_EQ(Registered(), u32{EPOLLONESHOT});
+    pipe.writeEnd.Reset();
+    EXPECT_EQ(MaskOfItsRun(), u32{EPOLLIN | EPOLLHUP});
 }
 
 TEST_F(SchAsideMask, CachedEventStillTellsWhenItWasSeenLast)
 {
+    own_ = Fd::Event(1);
+    Queue(own_.Get(), EPOLLIN);
+    EXPECT_EQ(Registered(), u32{EPOLLONESHOT});
     SchEventCacheInfo records[64];
     u32 count = 64;
     ASSERT_EQ(SCH_GetTasksEventCache(static_cast<u32>(sch_.EpFd()), records, &count), 0U);
@@ -264,13 +275,80 @@ TEST_F(SchAsideMask, CachedEventStillTellsWhenItWasSeenLast)
     (void)SystimeGetMicroSec(&now);
     bool found = false;
     for (u32 i = 0; i < count; ++i) {
-        if (records[i].fd == near_.Get()) {
+        if (records[i].fd == queued_) {
             found = true;
             EXPECT_LE(now - records[i].lastInsertTime, 1000000U);
             EXPECT_LT(records[i].insertTime, records[i].lastInsertTime);
         }
     }
     EXPECT_TRUE(found);
+}
+
+// Sockets, whose owners change what they wait for.
+class SchAsideSocket : public SchAsideMask
+{
+protected:
+    void SetUp() override
+    {
+        SchAsideMask::SetUp();
+        int pair[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, pair), 0);
+        near_ = Fd(pair[0]);
+        far_ = Fd(pair[1]);
+    }
+    // As an application does that has something to send, or nothing any more.
+    void ChangeBehindTheLibrary(u32 events)
+    {
+        struct epoll_event event = {};
+        event.events = events;
+        event.data.ptr = SchTaskGetHandleByAppFd(near_.Get());
+        ASSERT_EQ(epoll_ctl(sch_.EpFd(), EPOLL_CTL_MOD, near_.Get(), &event), 0);
+    }
+    void FillUp()
+    {
+        char fill[4096] = {};
+        while (write(near_.Get(), fill, sizeof(fill)) > 0) {
+        }
+    }
+    void ReceiveOne() { ASSERT_EQ(write(far_.Get(), "x", 1), 1); }
+
+    Fd near_;
+    Fd far_;
+};
+
+TEST_F(SchAsideSocket, SocketWithInputIsSetAsideAndComesBackPlainly)
+{
+    ReceiveOne();
+    Queue(near_.Get(), EPOLLIN | EPOLLRDHUP);
+    EXPECT_EQ(Registered(), u32{EPOLLONESHOT});
+    far_.Reset();
+    EXPECT_EQ(MaskOfItsRun(), u32{EPOLLIN | EPOLLRDHUP | EPOLLHUP});
+    EXPECT_EQ(Registered(), u32{EPOLLIN | EPOLLRDHUP});
+}
+
+TEST_F(SchAsideSocket, WishToSendThatTheApplicationAddedIsKept)
+{
+    ReceiveOne();
+    FillUp();
+    AddBulk(sch_.Get(), 30, XEL_TASK_TYPE_PRIO);
+    ASSERT_EQ(AddFd(sch_.Get(), near_.Get(), {NoteMask, 0, 2, 4, "mask"}), 0U);
+    queued_ = near_.Get();
+    ChangeBehindTheLibrary(EPOLLIN | EPOLLOUT);
+    Dispatch(sch_.Get(), 300);
+    EXPECT_EQ(Registered(), u32{EPOLLIN | EPOLLOUT});
+    EXPECT_EQ(MaskOfItsRun(), u32{EPOLLIN});
+}
+
+TEST_F(SchAsideSocket, WishToSendThatTheApplicationDroppedStaysDropped)
+{
+    ReceiveOne();
+    AddBulk(sch_.Get(), 30, XEL_TASK_TYPE_PRIO);
+    ASSERT_EQ(AddFd(sch_.Get(), near_.Get(), {NoteMask, 0, 2, 4, "mask"}, EPOLLIN | EPOLLOUT), 0U);
+    queued_ = near_.Get();
+    ChangeBehindTheLibrary(EPOLLIN);
+    Dispatch(sch_.Get(), 300);
+    EXPECT_EQ(Registered(), u32{EPOLLIN});
+    EXPECT_EQ(MaskOfItsRun(), u32{EPOLLIN});
 }
 
 // The registrations as the application asked for them.
