@@ -26,7 +26,10 @@ typedef struct XelTimerNode XelTimerNode;
  */
 typedef uint32_t (*XelTimerProc)(XelTimerNode* timer, uint64_t expirations, void* userData);
 
-/* Releases the user data when its timer (or type) goes away. */
+/*
+ * Releases the user data when its timer (or type) goes away. While a group or a type is destroyed
+ * it runs under the group mutex: it must not call a function of groups and types.
+ */
 typedef void (*XelTimerDestructor)(void* userData);
 
 /* Value of XEL_TIMER_ATTR_USR_CB: 16 bytes. */

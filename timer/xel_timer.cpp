@@ -181,7 +181,8 @@ XelTimerNode* TimerSchTaskCreate(XelThreadCtrl* thread, const XelTimerAttr* attr
     LinkInit(&node->link);
     node->magic.store(kTimerMagic, std::memory_order_release);
     if (AddToScheduler(thread, node, attr->name) != XEL_OK) {
-        XEL_FREE(kTimerLog, node);
+        node->fd = -1; // the caller's to close
+        TimerDiscardNode(node);
         return nullptr;
     }
     return node;
@@ -296,8 +297,8 @@ void XEL_TimerDestroy(XelTimerNode* timer)
     }
 }
 
-// The task callback. The run keeps the node's memory; it ends before the teardown, which looks the
-// handle up anew.
+// The task callback. The run keeps the node's memory until the teardown is over: by then another
+// thread may have taken the timer, and its address must not be a new timer's yet.
 u32 TimerFdEventProc(struct epoll_event* events, u64 data)
 {
     auto* node = reinterpret_cast<XelTimerNode*>(data);
@@ -308,8 +309,8 @@ u32 TimerFdEventProc(struct epoll_event* events, u64 data)
         return XEL_FAIL;
     }
     if (node->destroyPending.load(std::memory_order_seq_cst) == kTimerPending) {
-        run.End();
         InnerTimerDestroy(node);
+        run.End();
         return XEL_OK;
     }
     const ExpiredTimer timer = {node->fd, node->mode, node->callback, node->userData};
@@ -325,8 +326,8 @@ u32 TimerFdEventProc(struct epoll_event* events, u64 data)
     }
     const u32 ret = RunTimed(node, timer, expirations);
     if (timer.mode == XEL_TIMER_MODE_ONE_SHOT) {
-        run.End();
         InnerTimerDestroy(node);
+        run.End();
     }
     if (ret != XEL_OK) {
         XEL_LOG_FAIL(kTimerLog, "Timer proc unsuccessfully. (retUsr = %u, timerfd = %d)", ret,

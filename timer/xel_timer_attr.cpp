@@ -117,7 +117,7 @@ u32 TimerAttrSetName(XelTimerAttr* attr, const void* value, size_t size)
         XEL_LOG_FAIL(kTimerLog, "Timer attr copy name unsuccessfully.");
         return XEL_FAIL;
     }
-    (void)memcpy_s(attr->name, sizeof(attr->name), copy, sizeof(copy));
+    memcpy(attr->name, copy, sizeof(copy));
     return XEL_OK;
 }
 

@@ -3,8 +3,6 @@
 // inside it.
 #include "timer/xel_timer_inner.h"
 
-#include <unistd.h>
-
 #include "common/xel_memory.h"
 #include "timer/xel_timer_type.h"
 
@@ -268,7 +266,10 @@ XelTimerType* TimerFindOrAddTimerType(XelTimerGroup* group, u32 typeId, XelThrea
     block->users.store(1, std::memory_order_relaxed);
     type->typeId = typeId;
     type->thread = thread;
-    (void)memcpy_s(&type->attr, sizeof(type->attr), attr, sizeof(*attr));
+    if (memcpy_s(&type->attr, sizeof(type->attr), attr, sizeof(*attr)) != 0) {
+        XEL_FREE(kTimerLog, block); // a type without its attribute would run nothing
+        return nullptr;
+    }
     LinkAddFront(&group->typeList, &type->link);
     group->typeCount += 1;
     return type;
@@ -346,8 +347,7 @@ XelTimerNode* TimerCreateAndStart(u32 groupId, u32 typeId, void* userData)
     }
     SetOwner(node, groupId, typeId, userData);
     if (!ArmAndList(node)) {
-        close(node->fd);
-        XEL_FREE(kTimerLog, node);
+        TimerDiscardNode(node);
         return nullptr;
     }
     return node;

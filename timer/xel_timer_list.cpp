@@ -1,7 +1,7 @@
 // The list of live timers and the memory of its nodes. It owns the control block's timer half:
-// list, count, lock, and an index by address that answers handle checks as a walk of the list
-// would. A node is freed by whoever takes it out of the list, or, when its scheduler thread is
-// running it at that moment, by the end of that run.
+// list, count, lock, and an index by address of the nodes whose memory is there, which answers
+// handle checks as a walk of the list would. A node is freed by whoever takes it out of the list,
+// or, when its scheduler thread is running it at that moment, by the end of that run.
 #include "timer/xel_timer_list.h"
 
 #include <unistd.h>
@@ -24,18 +24,26 @@ constexpr u32 kIndexBits = 14;
 struct TimerBlock {
     XelTimerNode node;
     AddressLink indexLink;
-    // Set and cleared by the timer's thread under the read side, read under the write side.
-    std::atomic<u32> isRunning;
-    u32 isLeft;              // the run is to release the node; written under the write side
+    // Runs in progress; changed under the read side, read under the write side. More than one only
+    // when a late run of a freed timer meets a new one at the same address.
+    std::atomic<u32> runs;
+    u32 isListed;            // written under the write side
+    u32 isLeft;              // the last run is to release the node; written under the write side
     TimerTypeData* typeData; // held until then; null for most
 };
 
-// Guarded by the timer lock, as the list.
+// Guarded by the timer lock, as the list. A node stands here from its allocation until its release
+// is decided, whether it is listed or not.
 constinit AddressIndex<kIndexBits> g_index = {};
 
 TimerBlock* BlockOf(XelTimerNode* node)
 {
     return reinterpret_cast<TimerBlock*>(node);
+}
+
+const TimerBlock* BlockOf(const XelTimerNode* node)
+{
+    return reinterpret_cast<const TimerBlock*>(node);
 }
 
 XelTimerNode* NodeOf(XelLink* link)
@@ -50,7 +58,7 @@ TimerRun::TimerRun(XelTimerNode* node) : node_(node), isLive_(false)
 {
     const TimerReadGuard guard;
     if (g_index.Contains(node)) {
-        BlockOf(node)->isRunning.store(1, std::memory_order_relaxed);
+        BlockOf(node)->runs.fetch_add(1, std::memory_order_relaxed);
         isLive_ = true;
     }
 }
@@ -65,8 +73,8 @@ void TimerRun::End()
     bool isLeft = false;
     {
         const TimerReadGuard guard;
-        block->isRunning.store(0, std::memory_order_relaxed);
-        isLeft = block->isLeft != 0;
+        const u32 runs = block->runs.fetch_sub(1, std::memory_order_acq_rel); // each other's end
+        isLeft = runs == 1 && block->isLeft != 0;
     }
     if (isLeft) {
         TimerTypeData* typeData = block->typeData;
@@ -78,20 +86,25 @@ void TimerRun::End()
 XelTimerNode* TimerAllocNode()
 {
     auto* block = XEL_ALLOC_RECORD(TimerBlock, kTimerLog);
-    return block == nullptr ? nullptr : &block->node;
+    if (block == nullptr) {
+        return nullptr;
+    }
+    const TimerWriteGuard guard;
+    g_index.Add(&block->indexLink, &block->node);
+    return &block->node;
 }
 
 void TimerLinkNode(XelTimerNode* node)
 {
     LinkAddFront(&g_xelTimerCtrl.timerList, &node->link);
-    g_index.Add(&BlockOf(node)->indexLink, node);
+    BlockOf(node)->isListed = 1;
     g_xelTimerCtrl.timerCount += 1;
 }
 
 void TimerUnlinkNode(XelTimerNode* node)
 {
     LinkRemove(&node->link);
-    g_index.Remove(node);
+    BlockOf(node)->isListed = 0;
     if (g_xelTimerCtrl.timerCount > 0) {
         g_xelTimerCtrl.timerCount -= 1;
     }
@@ -100,7 +113,8 @@ void TimerUnlinkNode(XelTimerNode* node)
 bool TimerLeaveToRun(XelTimerNode* node, TimerTypeData* typeData)
 {
     TimerBlock* block = BlockOf(node);
-    if (block->isRunning.load(std::memory_order_relaxed) == 0) {
+    g_index.Remove(node); // no further run begins
+    if (block->runs.load(std::memory_order_relaxed) == 0) {
         return false;
     }
     if (typeData != nullptr) {
@@ -120,6 +134,12 @@ void TimerReleaseUnlessRunning(XelTimerNode* node)
         }
     }
     TimerReleaseNode(node);
+}
+
+void TimerDiscardNode(XelTimerNode* node)
+{
+    node->destructor = nullptr;
+    TimerReleaseUnlessRunning(node);
 }
 
 // The descriptor is closed here too: a run that was in progress may still have been about to read
@@ -156,7 +176,7 @@ u32 TimerDelNode(XelTimerNode* node)
 
 bool TimerIsNodeInList(const XelTimerNode* node)
 {
-    return g_index.Contains(node);
+    return g_index.Contains(node) && BlockOf(node)->isListed != 0;
 }
 
 // The address is looked up before any field is read, so the handle of a freed timer is harmless.

@@ -29,7 +29,7 @@ public:
     explicit TimerRun(XelTimerNode* node);
     ~TimerRun() { End(); }
 
-    // False when the timer was gone before the run began; then nothing of it may be read.
+    // False when the timer's memory was gone before the run began; then nothing of it may be read.
     bool IsLive() const { return isLive_; }
     void End();
 
@@ -41,7 +41,7 @@ private:
 // Type data that a timer without user data of its own works with.
 struct TimerTypeData;
 
-// A cleared node with its index link, in one block; null without memory.
+// A cleared node, in no list; null without memory. Takes the write side.
 XelTimerNode* TimerAllocNode();
 
 // Puts a node into the list; the caller holds the write side.
@@ -50,13 +50,17 @@ void TimerLinkNode(XelTimerNode* node);
 // Takes a legal node out of the list; the caller holds the write side.
 void TimerUnlinkNode(XelTimerNode* node);
 
-// For a node that is out of the list, with the write side held: true when a run of it is in
-// progress; then the run releases it. typeData (may be null) is kept until then as well.
+// For a node that is out of the list, with the write side held: it is to be released, and no
+// further run of it begins. True when one is in progress; then that run releases it. typeData (may
+// be null) is kept until then as well.
 bool TimerLeaveToRun(XelTimerNode* node, TimerTypeData* typeData);
 
 // Releases a node that is out of the list, or leaves that to a run of it that is in progress.
 // No lock held.
 void TimerReleaseUnlessRunning(XelTimerNode* node);
+
+// The same for a node whose user data is not to be released: its creation failed.
+void TimerDiscardNode(XelTimerNode* node);
 
 // Releases a node that is out of the list and not running: descriptor, destructor, magic, memory.
 // No lock held.

@@ -1,164 +1,359 @@
-// Timer groups and types: creation by number, who owns which user data, destruction by type and
-// group while callbacks run.
-#include "thread_support.h"
-#include "timer/xel_timer_inner.h"
+// Timer groups and types: records, lists, the order of the checks, and every refusal.
+#include <cerrno>
 
-using namespace threadtest;
+#include "timer_group_support.h"
 
 namespace
 {
 
-const xeltest::LogSource kSource{"timer/xel_timer", 69};
+using namespace timertest;
 
-// User data that says whether it was released.
-struct Data {
-    std::atomic<int> runs{0};
-    std::atomic<int> released{0};
-};
-
-std::atomic<Gate*> g_gate{nullptr};
-
-u32 CountRun(XelTimerNode* /*timer*/, u64 /*expirations*/, void* userData)
+std::string NoGroup(u32 groupId)
 {
-    ++static_cast<Data*>(userData)->runs;
-    if (Gate* gate = g_gate.load()) {
-        gate->Pass();
-        EXPECT_EQ(static_cast<Data*>(userData)->released, 0) << "released under its callback";
-    }
-    return 0;
+    return Text("Timer group get unsuccessfully. (groupId = %u)", groupId);
 }
 
-void MarkReleased(void* userData)
+std::string NoType(u32 groupId, u32 typeId)
 {
-    ++static_cast<Data*>(userData)->released;
+    return Text("Timer type get unsuccessfully. (groupId = %u, timerType = %u)", groupId, typeId);
 }
 
-class TimerGroupTest : public xeltest::CleanProcess
+class TimerGroups : public TimerTest
 {
-protected:
-    static u32 AddType(u32 groupId, u32 typeId, XelThreadCtrl* thread, Data* data, u32 timeoutMs)
-    {
-        XelTimerAttr* attr = XEL_TimerCreateAttr();
-        const XelTimerUsrCb callback = {CountRun, data};
-        const u32 mode = XEL_TIMER_MODE_PERIODIC;
-        EXPECT_EQ(XelTimerSetAllAttr(attr, &callback, &mode, &timeoutMs, "type"), 0U);
-        EXPECT_EQ(XEL_TimerSetAttr(attr, XEL_TIMER_ATTR_DESTRUCTOR,
-                                   reinterpret_cast<const void*>(MarkReleased), 8),
-                  0U);
-        const u32 ret = XEL_TimerAddTimerType(groupId, typeId, thread, attr);
-        XEL_TimerDestroyAttr(attr);
-        return ret;
-    }
 };
 
-} // namespace
-
-TEST_F(TimerGroupTest, NumbersOfZeroAndUnknownOnesAreRefused)
+TEST_F(TimerGroups, FieldsStandAtTheirOffsets)
 {
-    Worker worker;
+    EXPECT_EQ(offsetof(XelTimerGroup, link), 0U);
+    EXPECT_EQ(offsetof(XelTimerGroup, groupId), 16U);
+    EXPECT_EQ(offsetof(XelTimerGroup, typeCount), 20U);
+    EXPECT_EQ(offsetof(XelTimerGroup, typeList), 24U);
+    EXPECT_EQ(sizeof(XelTimerGroup), 40U);
+    EXPECT_EQ(offsetof(XelTimerType, link), 0U);
+    EXPECT_EQ(offsetof(XelTimerType, typeId), 16U);
+    EXPECT_EQ(offsetof(XelTimerType, thread), 24U);
+    EXPECT_EQ(offsetof(XelTimerType, attr), 32U);
+    EXPECT_EQ(sizeof(XelTimerType), 88U);
+}
+
+TEST_F(TimerGroups, NumberOfZeroIsRefused)
+{
     EXPECT_EQ(XEL_TimerCreateGroup(0), kFail);
-    XEL_TimerDestroyGroup(0);
-    XEL_TimerDestroyGroup(9);
-    EXPECT_EQ(XEL_TimerDelTimerType(0, 1), 22U);
-    EXPECT_EQ(XEL_TimerDelTimerType(9, 1), 1U);
-    EXPECT_EQ(XEL_TimerCreateAndStart(9, 1, nullptr), nullptr);
-    EXPECT_LOG(kSource, "Timer group create unsuccessfully, invalid parameter. (groupId = 0)",
-               "Timer group destroy unsuccessfully, invalid parameter.",
-               xeltest::Warning("Timer group already destroy. (groupId = 9)"),
-               "Timer delete timer type unsuccessfully, invalid parameter. (id = 0, type = 1)",
-               "Timer delete timer type group get unsuccessfully. (groupId = 9)",
-               "Timer group get unsuccessfully. (groupId = 9)");
-}
-
-TEST_F(TimerGroupTest, ExistingGroupAndTypeAreKept)
-{
-    Worker worker;
-    Data first;
-    Data second;
-    EXPECT_EQ(XEL_TimerCreateGroup(5), 0U);
-    EXPECT_EQ(XEL_TimerCreateGroup(5), 0U);
-    EXPECT_EQ(g_xelTimerCtrl.groupCount, 1U);
-    EXPECT_EQ(AddType(5, 1, worker.Get(), &first, 10000), 0U);
-    EXPECT_EQ(AddType(5, 1, worker.Get(), &second, 10000), 0U);
-    EXPECT_EQ(second.released, 1);
-    EXPECT_EQ(first.released, 0);
-    EXPECT_EQ(XEL_TimerDelTimerType(5, 2), 2U);
-    EXPECT_EQ(XEL_TimerDelTimerType(5, 1), 0U);
-    EXPECT_EQ(first.released, 1);
-    XEL_TimerDestroyGroup(5);
+    EXPECT_LOG(kTimerSource, "Timer group create unsuccessfully, invalid parameter. (groupId = 0)");
     EXPECT_EQ(g_xelTimerCtrl.groupCount, 0U);
-    (void)xeltest::TakeLog();
+    ASSERT_EQ(pthread_mutex_lock(&g_xelTimerCtrl.groupMutex), 0);
+    XEL_TimerDestroyGroup(0); // takes no lock
+    pthread_mutex_unlock(&g_xelTimerCtrl.groupMutex);
+    EXPECT_LOG(kTimerSource, "Timer group destroy unsuccessfully, invalid parameter.");
 }
 
-TEST_F(TimerGroupTest, OwnDataIsReleasedWithTheTimerAndTypeDataWithTheType)
+TEST_F(TimerGroups, NewGroupIsEmptyAndStandsAtTheFront)
 {
-    Worker worker;
-    Data typeData;
-    Data own;
-    ASSERT_EQ(XEL_TimerCreateGroup(5), 0U);
-    ASSERT_EQ(AddType(5, 1, worker.Get(), &typeData, 1), 0U);
-    XelTimerNode* shared = XEL_TimerCreateAndStart(5, 1, nullptr);
-    XelTimerNode* owning = XEL_TimerCreateAndStart(5, 1, &own);
-    ASSERT_TRUE(AwaitTrue([&] { return typeData.runs > 0 && own.runs > 0; }));
-    XEL_TimerDestroy(shared);
-    XEL_TimerDestroy(owning);
-    ASSERT_TRUE(AwaitTrue([&] { return own.released == 1; }));
-    EXPECT_EQ(typeData.released, 0);
-    XEL_TimerDestroyGroup(5);
-    EXPECT_EQ(typeData.released, 1);
-    EXPECT_EQ(own.released, 1);
-}
-
-TEST_F(TimerGroupTest, DeletedTypeLeavesARunningCallbackItsDataAndItsTimer)
-{
-    Worker worker;
-    ASSERT_EQ(XEL_TimerCreateGroup(5), 0U);
-    for (const bool hasOwnData : {true, false}) {
-        Data typeData;
-        Data own;
-        Gate held;
-        g_gate = &held;
-        ASSERT_EQ(AddType(5, 1, worker.Get(), &typeData, 1), 0U);
-        ASSERT_NE(XEL_TimerCreateAndStart(5, 1, hasOwnData ? &own : nullptr), nullptr);
-        ASSERT_TRUE(held.AwaitArrival());
-        g_gate = nullptr;
-        EXPECT_EQ(XEL_TimerDelTimerType(5, 1), 0U);
-        EXPECT_EQ(typeData.released, hasOwnData ? 1 : 0);
-        EXPECT_EQ(own.released, 0);
-        held.Open();
-        worker.Run([] {}); // the callback has ended
-        EXPECT_EQ(typeData.released, 1);
-        EXPECT_EQ(own.released, hasOwnData ? 1 : 0);
-    }
-    XEL_TimerDestroyGroup(5);
+    EXPECT_EQ(XEL_TimerCreateGroup(0xFFFFFFFF), 0U);
+    EXPECT_EQ(XEL_TimerCreateGroup(1), 0U);
+    EXPECT_EQ(g_xelTimerCtrl.groupCount, 2U);
+    const XelTimerGroup* one = TimerGetGroupByGroupId(1);
+    const XelTimerGroup* last = TimerGetGroupByGroupId(0xFFFFFFFF);
+    ASSERT_NE(one, nullptr);
+    ASSERT_NE(last, nullptr);
+    EXPECT_EQ(TimerGetGroupByGroupId(2), nullptr);
+    EXPECT_EQ(g_xelTimerCtrl.groupList.next, &one->link);
+    EXPECT_EQ(one->link.next, &last->link);
+    EXPECT_EQ(At<u32>(one, 16), 1U);
+    EXPECT_EQ(At<u32>(one, 20), 0U);
+    EXPECT_EQ(At<const void*>(one, 24), &one->typeList);
+    EXPECT_EQ(At<const void*>(one, 32), &one->typeList);
+    XEL_TimerDestroyGroup(1);
+    EXPECT_EQ(g_xelTimerCtrl.groupCount, 1U);
+    EXPECT_EQ(g_xelTimerCtrl.groupList.next, &last->link);
+    XEL_TimerDestroyGroup(0xFFFFFFFF);
     EXPECT_NO_LOG();
 }
 
-TEST_F(TimerGroupTest, GroupsComeAndGoWhileTheirTimersFire)
+TEST_F(TimerGroups, ExistingGroupIsKept)
 {
-    Worker one("one");
-    Worker two("two");
-    const int rounds = xeltest::IsSanitized() ? 30 : 150;
-    for (int round = 0; round < rounds; ++round) {
-        Data typeData[2];
-        Data own[8];
-        ASSERT_EQ(XEL_TimerCreateGroup(5), 0U);
-        ASSERT_EQ(AddType(5, 1, one.Get(), &typeData[0], 1), 0U);
-        ASSERT_EQ(AddType(5, 2, two.Get(), &typeData[1], 1), 0U);
-        for (u32 i = 0; i < 8; ++i) {
-            ASSERT_NE(XEL_TimerCreateAndStart(5, 1 + i % 2, i < 4 ? &own[i] : nullptr), nullptr);
-        }
-        if (round % 2 == 0) {
-            ASSERT_TRUE(AwaitTrue([&] { return own[0].runs > 0 && typeData[1].runs > 0; }));
-        }
-        XEL_TimerDestroyGroup(5);
-        one.Run([] {});
-        two.Run([] {});
-        for (u32 i = 0; i < 4; ++i) {
-            ASSERT_EQ(own[i].released, 1);
-        }
-        ASSERT_EQ(typeData[0].released, 1);
-        ASSERT_EQ(typeData[1].released, 1);
-    }
-    (void)xeltest::TakeLog(); // a callback whose timer was destroyed beside it says so
+    EXPECT_EQ(XEL_TimerCreateGroup(5), 0U);
+    const XelTimerGroup* group = TimerGetGroupByGroupId(5);
+    EXPECT_EQ(XEL_TimerCreateGroup(5), 0U);
+    EXPECT_LOG(kTimerSource, Detail("Timer group already exist. (groupId = 5)"));
+    EXPECT_EQ(g_xelTimerCtrl.groupCount, 1U);
+    EXPECT_EQ(TimerGetGroupByGroupId(5), group);
+    XEL_TimerDestroyGroup(5);
+    EXPECT_EQ(XEL_TimerCreateGroup(5), 0U);
+    EXPECT_NO_LOG();
+    XEL_TimerDestroyGroup(5);
 }
+
+TEST_F(TimerGroups, NoMemoryIsRefused)
+{
+    FailNth(Call::XelMemAllocF, 1);
+    EXPECT_EQ(XEL_TimerCreateGroup(5), kFail);
+    EXPECT_LOG(kTimerSource, "Timer group node malloc null.");
+    EXPECT_EQ(g_xelTimerCtrl.groupCount, 0U);
+    EXPECT_EQ(TimerGetGroupByGroupId(5), nullptr);
+    EXPECT_EQ(XEL_TimerCreateGroup(5), 0U); // the mutex is free
+    XEL_TimerDestroyGroup(5);
+}
+
+TEST_F(TimerGroups, UnknownGroupIsAlreadyDestroyed)
+{
+    EXPECT_EQ(XEL_TimerCreateGroup(5), 0U);
+    XEL_TimerDestroyGroup(6);
+    EXPECT_LOG(kTimerSource, Warning("Timer group already destroy. (groupId = 6)"));
+    EXPECT_EQ(g_xelTimerCtrl.groupCount, 1U);
+    XEL_TimerDestroyGroup(5);
+    XEL_TimerDestroyGroup(5);
+    EXPECT_LOG(kTimerSource, Warning("Timer group already destroy. (groupId = 5)"));
+}
+
+TEST_F(TimerGroups, CountStaysAtZero)
+{
+    EXPECT_EQ(XEL_TimerCreateGroup(5), 0U);
+    g_xelTimerCtrl.groupCount = 0;
+    XEL_TimerDestroyGroup(5);
+    EXPECT_EQ(g_xelTimerCtrl.groupCount, 0U);
+}
+
+class TimerTypes : public TimerGroupTest
+{
+protected:
+    Probe first_;
+    Probe second_;
+};
+
+// Each call has every later fault as well.
+TEST_F(TimerTypes, ParametersAreCheckedInTheirOrder)
+{
+    const char refused[] = "Timer add type unsuccessfully, invalid parameter.";
+    const TimerAttr attr(&first_);
+    XelThreadCtrl* thread = worker_->Get();
+    EXPECT_EQ(XEL_TimerAddTimerType(0, 0, nullptr, nullptr), kFail);
+    EXPECT_LOG(kTimerSource, "Timer check param, invalid timer group id.", refused);
+    EXPECT_EQ(XEL_TimerAddTimerType(9, 0, nullptr, nullptr), kFail);
+    EXPECT_LOG(kTimerSource, "Timer check param, invalid type.", refused);
+    EXPECT_EQ(XEL_TimerAddTimerType(9, 1, nullptr, nullptr), kFail);
+    EXPECT_LOG(kTimerSource, "Timer check param, invalid thread handle.", refused);
+    EXPECT_EQ(XEL_TimerAddTimerType(9, 1, thread, nullptr), kFail);
+    EXPECT_LOG(kTimerSource, "Timer check param, invalid timer attribute.", refused);
+    EXPECT_EQ(XEL_TimerAddTimerType(9, 1, thread, attr.Get()), kFail);
+    EXPECT_LOG(kTimerSource, NoGroup(9));
+    EXPECT_NE(TimerCheckParam(0, 1, thread, attr.Get()), 0U);
+    EXPECT_LOG(kTimerSource, "Timer check param, invalid timer group id.");
+    EXPECT_EQ(TimerCheckParam(9, 1, thread, attr.Get()), 0U);
+    EXPECT_NO_LOG();
+    EXPECT_EQ(first_.released.load(), 0);
+}
+
+TEST_F(TimerTypes, TypeHoldsAWholeCopyOfTheAttribute)
+{
+    XelTimerAttr bytes = {};
+    {
+        const TimerAttr attr(&first_, XEL_TIMER_MODE_PERIODIC, 1234, "fifteen-letters");
+        memcpy(&bytes, attr.Get(), sizeof(bytes));
+        EXPECT_EQ(XEL_TimerAddTimerType(kGroup, 7, worker_->Get(), attr.Get()), 0U);
+    }
+    const XelTimerType* type = TypeOf(7);
+    ASSERT_NE(type, nullptr);
+    EXPECT_EQ(At<u32>(type, 16), 7U);
+    EXPECT_EQ(At<XelThreadCtrl*>(type, 24), worker_->Get());
+    EXPECT_EQ(memcmp(reinterpret_cast<const char*>(type) + 32, &bytes, sizeof(bytes)), 0);
+    EXPECT_EQ(group_->typeCount, 1U);
+    XEL_TimerDestroyGroup(kGroup);
+    EXPECT_EQ(first_.released.load(), 1);
+    EXPECT_NO_LOG();
+}
+
+// Magic, callback and mode are not looked at.
+TEST_F(TimerTypes, AttributeIsNotExamined)
+{
+    XelTimerAttr attr = {};
+    attr.mode = 9;
+    EXPECT_EQ(XEL_TimerAddTimerType(kGroup, kType, worker_->Get(), &attr), 0U);
+    EXPECT_EQ(TypeOf()->attr.mode, 9U);
+    EXPECT_NO_LOG();
+}
+
+TEST_F(TimerTypes, NewTypesStandAtTheFront)
+{
+    EXPECT_EQ(AddType(&first_, 1, kLongMs, 0xFFFFFFFF), 0U);
+    EXPECT_EQ(AddType(&second_, 1, kLongMs, 2), 0U);
+    EXPECT_EQ(group_->typeCount, 2U);
+    EXPECT_EQ(group_->typeList.next, &TypeOf(2)->link);
+    EXPECT_EQ(TypeOf(2)->link.next, &TypeOf(0xFFFFFFFF)->link);
+    EXPECT_EQ(TypeOf(3), nullptr);
+    EXPECT_EQ(XEL_TimerDelTimerType(kGroup, 2), 0U);
+    EXPECT_EQ(second_.released.load(), 1);
+    EXPECT_EQ(first_.released.load(), 0);
+    EXPECT_EQ(group_->typeCount, 1U);
+    EXPECT_EQ(TypeOf(2), nullptr);
+    XEL_TimerDestroyGroup(kGroup);
+    EXPECT_EQ(first_.released.load(), 1);
+    EXPECT_NO_LOG();
+}
+
+TEST_F(TimerTypes, ExistingTypeIsKeptAndTheOfferedDataReleased)
+{
+    Worker other("other");
+    EXPECT_EQ(AddType(&first_), 0U);
+    XelTimerType* type = TypeOf();
+    const TimerAttr attr(&second_, XEL_TIMER_MODE_ONE_SHOT, 9, "other");
+    EXPECT_EQ(XEL_TimerAddTimerType(kGroup, kType, other.Get(), attr.Get()), 0U);
+    EXPECT_LOG(kTimerSource, Detail("Timer type already exist. (groupId = 5, typeType = 1)"));
+    EXPECT_EQ(second_.released.load(), 1);
+    EXPECT_EQ(first_.released.load(), 0);
+    EXPECT_EQ(TypeOf(), type);
+    EXPECT_EQ(type->thread, worker_->Get());
+    EXPECT_STREQ(type->attr.name, "type");
+    EXPECT_EQ(group_->typeCount, 1U);
+    EXPECT_EQ(TimerFindOrAddTimerType(group_, kType, other.Get(), attr.Get()), type);
+    EXPECT_LOG(kTimerSource, Detail("Timer type already exist. (groupId = 5, typeType = 1)"));
+    EXPECT_EQ(second_.released.load(), 2);
+    // Without a destructor the data is nobody's to release.
+    attr->destructor = nullptr;
+    EXPECT_EQ(XEL_TimerAddTimerType(kGroup, kType, other.Get(), attr.Get()), 0U);
+    EXPECT_LOG(kTimerSource, Detail("Timer type already exist. (groupId = 5, typeType = 1)"));
+    EXPECT_EQ(second_.released.load(), 2);
+    XEL_TimerDestroyGroup(kGroup);
+    EXPECT_EQ(first_.released.load(), 1);
+}
+
+TEST_F(TimerTypes, NoMemoryIsRefusedAndTheDataStaysTheCallers)
+{
+    FailNth(Call::XelMemAllocF, 2); // the attribute is made first
+    EXPECT_EQ(AddType(&first_), kFail);
+    EXPECT_LOG(kTimerSource, "Timer type node malloc unsuccessfully.",
+               "Timer type find or add unsuccessfully. (groupId = 5, timerType = 1)");
+    EXPECT_EQ(first_.released.load(), 0);
+    EXPECT_EQ(group_->typeCount, 0U);
+    EXPECT_EQ(TypeOf(), nullptr);
+    const TimerAttr attr(&first_);
+    FailNth(Call::XelMemAllocF, 1);
+    EXPECT_EQ(TimerFindOrAddTimerType(group_, kType, worker_->Get(), attr.Get()), nullptr);
+    EXPECT_LOG(kTimerSource, "Timer type node malloc unsuccessfully.");
+    EXPECT_EQ(AddType(&first_), 0U);
+    XEL_TimerDestroyGroup(kGroup);
+    EXPECT_EQ(first_.released.load(), 1);
+}
+
+TEST_F(TimerTypes, DeletionTellsWhatIsMissing)
+{
+    for (const auto& [groupId, typeId] : {std::pair{0U, 1U}, {5U, 0U}, {0U, 0U}}) {
+        EXPECT_EQ(XEL_TimerDelTimerType(groupId, typeId), 22U);
+        EXPECT_LOG(kTimerSource, Text("Timer delete timer type unsuccessfully, invalid parameter. "
+                                      "(id = %u, type = %u)",
+                                      groupId, typeId));
+    }
+    EXPECT_EQ(XEL_TimerDelTimerType(9, 1), 1U);
+    EXPECT_LOG(kTimerSource, "Timer delete timer type group get unsuccessfully. (groupId = 9)");
+    EXPECT_EQ(XEL_TimerDelTimerType(kGroup, 1), 2U);
+    EXPECT_NO_LOG();
+}
+
+TEST_F(TimerTypes, CountStaysAtZero)
+{
+    EXPECT_EQ(AddType(&first_), 0U);
+    group_->typeCount = 0;
+    EXPECT_EQ(XEL_TimerDelTimerType(kGroup, kType), 0U);
+    EXPECT_EQ(group_->typeCount, 0U);
+    EXPECT_EQ(first_.released.load(), 1);
+}
+
+TEST_F(TimerTypes, TypeWithoutDestructorLeavesItsDataAlone)
+{
+    for (const bool deleteType : {true, false}) {
+        const TimerAttr attr(&first_);
+        attr->destructor = nullptr;
+        EXPECT_EQ(XEL_TimerAddTimerType(kGroup, kType, worker_->Get(), attr.Get()), 0U);
+        if (deleteType) {
+            EXPECT_EQ(XEL_TimerDelTimerType(kGroup, kType), 0U);
+        } else {
+            XEL_TimerDestroyGroup(kGroup);
+        }
+    }
+    EXPECT_EQ(first_.released.load(), 0);
+}
+
+TEST_F(TimerTypes, TypesOfAGroupEndFromFrontToBack)
+{
+    std::vector<int> order;
+    first_.onRelease = [&order] { order.push_back(1); };
+    second_.onRelease = [&order] { order.push_back(2); };
+    EXPECT_EQ(AddType(&first_, 1, kLongMs, 1), 0U);
+    EXPECT_EQ(AddType(&second_, 1, kLongMs, 2), 0U);
+    XEL_TimerDestroyGroup(kGroup);
+    EXPECT_EQ(order, (std::vector<int>{2, 1}));
+    EXPECT_NO_LOG();
+}
+
+TEST_F(TimerTypes, LookUpsNameWhatIsMissing)
+{
+    EXPECT_EQ(AddType(&first_), 0U);
+    EXPECT_EQ(TimerGetTimerTypeNode(kGroup, kType), TypeOf());
+    EXPECT_NO_LOG();
+    EXPECT_EQ(TimerGetTimerTypeNode(9, kType), nullptr);
+    EXPECT_LOG(kTimerSource, NoGroup(9));
+    EXPECT_EQ(TimerGetTimerTypeNode(kGroup, 2), nullptr);
+    EXPECT_LOG(kTimerSource, NoType(kGroup, 2));
+    XEL_TimerDestroyGroup(kGroup);
+    EXPECT_EQ(first_.released.load(), 1);
+}
+
+// The type's user data is a block of parameters that callers read back.
+class TimerParams : public TimerTypes
+{
+protected:
+    u32 AddBlock(void* block)
+    {
+        XelTimerAttr attr = {};
+        attr.userData = block;
+        return XEL_TimerAddTimerType(kGroup, kType, worker_->Get(), &attr);
+    }
+};
+
+TEST_F(TimerParams, BytesOfTheUserDataAreCopied)
+{
+    char block[8] = "abcdefg";
+    ASSERT_EQ(AddBlock(block), 0U);
+    char out[8] = "-------";
+    EXPECT_EQ(TimerGetParamByGroupAndType(kGroup, kType, out, 3), 0U);
+    EXPECT_STREQ(out, "abc----");
+    EXPECT_EQ(TimerGetParamByGroupAndType(kGroup, kType, out, 8), 0U);
+    EXPECT_STREQ(out, "abcdefg");
+    EXPECT_NO_LOG();
+}
+
+TEST_F(TimerParams, MissingGroupOrTypeIsRefused)
+{
+    char out[4] = "---";
+    for (const u32 groupId : {0U, 9U}) {
+        EXPECT_EQ(TimerGetParamByGroupAndType(groupId, kType, out, 3), kFail);
+        EXPECT_LOG(kTimerSource, NoGroup(groupId));
+    }
+    for (const u32 typeId : {0U, 2U}) {
+        EXPECT_EQ(TimerGetParamByGroupAndType(kGroup, typeId, out, 3), kFail);
+        EXPECT_LOG(kTimerSource, NoType(kGroup, typeId));
+    }
+    EXPECT_STREQ(out, "---");
+}
+
+TEST_F(TimerParams, RefusedCopyIsTold)
+{
+    ASSERT_EQ(AddBlock(nullptr), 0U);
+    char out[4] = "---";
+    EXPECT_EQ(TimerGetParamByGroupAndType(kGroup, kType, out, 3), kFail);
+    EXPECT_LOG(kTimerSource, "Timer param get unsuccessfully. (errNo = 22)");
+    ASSERT_EQ(XEL_TimerDelTimerType(kGroup, kType), 0U);
+    char block[4] = "abc";
+    ASSERT_EQ(AddBlock(block), 0U);
+    EXPECT_EQ(TimerGetParamByGroupAndType(kGroup, kType, nullptr, 3), kFail);
+    EXPECT_LOG(kTimerSource, "Timer param get unsuccessfully. (errNo = 22)");
+    EXPECT_EQ(TimerGetParamByGroupAndType(kGroup, kType, out, 0), kFail);
+    EXPECT_LOG(kTimerSource, "Timer param get unsuccessfully. (errNo = 22)");
+    FailNth(Call::MemcpyS, 1, ERANGE);
+    EXPECT_EQ(TimerGetParamByGroupAndType(kGroup, kType, out, 3), kFail);
+    EXPECT_LOG(kTimerSource, "Timer param get unsuccessfully. (errNo = 34)");
+    EXPECT_EQ(TimerGetParamByGroupAndType(kGroup, kType, out, 3), 0U); // the mutex is free
+    EXPECT_STREQ(out, "abc");
+}
+
+} // namespace
