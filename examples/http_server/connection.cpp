@@ -7,33 +7,18 @@
 // either, and a run that stopped at its bound is reported ready again at once.
 #include "examples/http_server/connection.h"
 
-#include <sys/socket.h>
-
-#include <algorithm>
-#include <array>
-#include <cerrno>
-
 #include "examples/http_server/server.h"
 
 namespace
 {
 
-constexpr size_t kReadPerRun = 16UL * 1024UL;
 constexpr size_t kOutputPerRun = 16UL * 1024UL;
 constexpr u32 kRequestsPerRun = 8;
-constexpr size_t kDiscardLimit = 1024UL * 1024UL;
-
-bool IsTemporary(int error)
-{
-    return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
-}
 
 } // namespace
 
 Connection::Connection(Server& server, UniqueFd socket)
-    : server_(server),
-      socket_(std::move(socket)),
-      session_(server.Pages(), server.Counters().requests)
+    : server_(server), stream_(std::move(socket)), session_(stream_.Session())
 {
     ExtendDeadline();
 }
@@ -63,8 +48,8 @@ u32 Connection::Proc(struct epoll_event* event, u64 data)
 
 bool Connection::Run(const struct epoll_event& event)
 {
-    if (lingering_) {
-        return Discard();
+    if (stream_.IsLingering()) {
+        return stream_.Discard();
     }
     if (session_.Phase() == SessionPhase::Receiving && !Receive()) {
         return false;
@@ -80,21 +65,13 @@ bool Connection::Run(const struct epoll_event& event)
 
 bool Connection::Receive()
 {
-    std::array<char, kReadPerRun> bytes;
-    const ssize_t size = recv(Fd(), bytes.data(), bytes.size(), 0);
-    if (size < 0) {
-        return IsTemporary(errno);
-    }
-    if (size == 0) {
-        session_.EndInput();
-        return true;
-    }
     // The time limit counts from the first byte of a request: more bytes do not extend it.
-    if (!session_.IsMidRequest()) {
+    const bool isMidRequest = session_.IsMidRequest();
+    const StreamStep step = stream_.Receive();
+    if (step == StreamStep::Moved && !isMidRequest) {
         ExtendDeadline();
     }
-    session_.Receive({bytes.data(), static_cast<size_t>(size)});
-    return true;
+    return step != StreamStep::Broken;
 }
 
 bool Connection::Serve()
@@ -103,11 +80,11 @@ bool Connection::Serve()
     for (u32 i = 0; i < kRequestsPerRun; ++i) {
         session_.Parse();
         if (session_.Phase() == SessionPhase::Answering) {
-            const TaskPlace place = session_.Place();
+            const TaskPlace place = Place();
             if (place != place_) {
                 return MoveTo(place); // the response belongs to a run in its own place
             }
-            session_.Answer();
+            Answer();
         }
         if (session_.Phase() != SessionPhase::Sending) {
             return true;
@@ -119,6 +96,19 @@ bool Connection::Serve()
     return true;
 }
 
+// Where the response wants to be scheduled.
+TaskPlace Connection::Place() const
+{
+    return session_.Refusal() != 0 ? TaskPlace{TaskClass::Http} : PlaceOf(session_.Target());
+}
+
+void Connection::Answer()
+{
+    const u32 refusal = session_.Refusal();
+    session_.Answer(refusal != 0 ? MakeRefusal(refusal)
+                                 : MakePage(session_.Target(), server_.Pages()));
+}
+
 bool Connection::MoveTo(TaskPlace place)
 {
     place_ = place;
@@ -128,41 +118,22 @@ bool Connection::MoveTo(TaskPlace place)
 // False: the client is gone.
 bool Connection::Send(size_t& budget)
 {
-    while (session_.Phase() == SessionPhase::Sending && budget > 0) {
-        const std::string_view output = session_.Output();
-        const ssize_t size =
-            send(Fd(), output.data(), std::min(output.size(), budget), MSG_NOSIGNAL);
-        if (size < 0) {
-            return IsTemporary(errno);
-        }
-        session_.Sent(static_cast<size_t>(size));
-        budget -= static_cast<size_t>(size);
+    const u64 before = session_.Answered();
+    const StreamStep step = stream_.Send(budget);
+    server_.Counters().requests += session_.Answered() - before;
+    if (step == StreamStep::Moved) {
         ExtendDeadline();
     }
-    return true;
+    return step != StreamStep::Broken;
 }
 
-// Closing a socket with unread input resets it, and the reset may overtake the last response. So
-// our side is shut first, and what still arrives is thrown away until the client closes.
 bool Connection::StartLinger(const struct epoll_event& event)
 {
-    if (session_.InputEnded()) {
+    if (!stream_.StartLinger()) {
         return false;
     }
-    lingering_ = true;
     ExtendDeadline();
-    return shutdown(Fd(), SHUT_WR) == 0 && WatchFor(event, EPOLLIN);
-}
-
-bool Connection::Discard()
-{
-    std::array<char, kReadPerRun> bytes;
-    const ssize_t size = recv(Fd(), bytes.data(), bytes.size(), 0);
-    if (size < 0) {
-        return IsTemporary(errno);
-    }
-    discarded_ += static_cast<size_t>(size);
-    return size != 0 && discarded_ < kDiscardLimit;
+    return WatchFor(event, EPOLLIN);
 }
 
 bool Connection::WatchFor(const struct epoll_event& event, u32 events)
@@ -184,12 +155,10 @@ void Connection::Expire()
     const SessionPhase phase = session_.Phase();
     if (phase == SessionPhase::Receiving && session_.IsMidRequest()) {
         session_.Refuse(408);
-        session_.Answer();
+        Answer();
         size_t budget = kOutputPerRun;
         Send(budget);
     } else if (phase == SessionPhase::Sending) {
-        // What a client does not read would stay in the kernel after the close; a reset drops it.
-        const linger reset = {1, 0};
-        setsockopt(Fd(), SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
+        stream_.ResetOnClose();
     }
 }

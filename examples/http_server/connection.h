@@ -4,9 +4,9 @@
 #define HTTP_SERVER_CONNECTION_H
 
 #include "common/xel_int.h"
-#include "examples/http_server/http_session.h"
+#include "examples/common/http_stream.h"
+#include "examples/common/unique_fd.h"
 #include "examples/http_server/loop.h"
-#include "examples/http_server/unique_fd.h"
 
 class Server;
 
@@ -15,7 +15,7 @@ class Connection
 public:
     Connection(Server& server, UniqueFd socket);
 
-    int Fd() const { return socket_.Get(); }
+    int Fd() const { return stream_.Fd(); }
     Server& Owner() const { return server_; }
 
     // Registers the task; without it the connection is of no use.
@@ -32,21 +32,20 @@ public:
 private:
     bool Receive();
     bool Serve();
+    TaskPlace Place() const;
+    void Answer();
     bool MoveTo(TaskPlace place);
     bool Send(size_t& budget);
     bool StartLinger(const struct epoll_event& event);
-    bool Discard();
     bool WatchFor(const struct epoll_event& event, u32 events);
     void ExtendDeadline();
 
     Server& server_;
-    UniqueFd socket_;
-    HttpSession session_;
+    HttpStream stream_;
+    HttpSession& session_; // of the stream
     TaskPlace place_ = {TaskClass::Http};
     u32 watched_ = EPOLLIN;
     u64 deadlineMs_ = 0;
-    bool lingering_ = false;
-    size_t discarded_ = 0;
 };
 
 #endif // HTTP_SERVER_CONNECTION_H

@@ -22,7 +22,7 @@
 #define HTTP_SERVER_LOOP_H
 
 #include "common/xel_int.h"
-#include "examples/http_server/unique_fd.h"
+#include "examples/common/unique_fd.h"
 #include "xel_scheduler.h"
 
 enum class TaskClass : u8 { Signals, Listener, Admin, Sweep, Http, Bulk };

@@ -1,4 +1,4 @@
-// Pages and routing. Called by the sessions on the loop's thread; no state of its own.
+// Pages and routing. Called by the connections on the loop's thread; no state of its own.
 #include "examples/http_server/pages.h"
 
 #include <charconv>
@@ -40,24 +40,6 @@ std::optional<u32> BulkSizeOf(std::string_view path)
     return size;
 }
 
-const char* ReasonText(u32 status)
-{
-    switch (status) {
-    case 400:
-        return "bad request\n";
-    case 404:
-        return "not found\n";
-    case 405:
-        return "only GET and HEAD\n";
-    case 408:
-        return "request took too long\n";
-    case 413:
-        return "request too large\n";
-    default:
-        return "refused\n";
-    }
-}
-
 } // namespace
 
 TaskPlace PlaceOf(std::string_view target)
@@ -88,17 +70,4 @@ Page MakePage(std::string_view target, const PageContext& context)
     }
     const std::optional<u32> size = BulkSizeOf(path);
     return size ? Page{.text = {}, .bulkSize = *size} : MakeRefusal(404);
-}
-
-Page MakeRefusal(u32 status)
-{
-    return {.status = status, .text = ReasonText(status)};
-}
-
-void BulkBody::Append(std::string& out, size_t size)
-{
-    for (size_t i = 0; i < size; ++i) {
-        state_ = state_ * 6364136223846793005U + 1442695040888963407U;
-        out += static_cast<char>('a' + (state_ >> 33U) % 26U);
-    }
 }

@@ -2,35 +2,23 @@
 // also by a connection at the end of its run; all on the loop's thread.
 #include "examples/http_server/server.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/socket.h>
 #include <sys/timerfd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <chrono>
 #include <stdexcept>
-#include <string_view>
 #include <system_error>
+
+#include "examples/common/listener.h"
 
 namespace
 {
 
-constexpr int kBacklog = 1024;
 constexpr u32 kAcceptsPerRun = 16;
 constexpr u32 kOwnDescriptors = 64; // room in the statistics for descriptors besides connections
 constexpr u32 kShortestSweepMs = 10;
 constexpr u32 kLongestSweepMs = 250;
-
-constexpr std::string_view kBusyAnswer = "HTTP/1.1 503 Service Unavailable\r\n"
-                                         "Content-Type: text/plain\r\n"
-                                         "Content-Length: 21\r\n"
-                                         "Connection: close\r\n"
-                                         "\r\n"
-                                         "too many connections\n";
 
 UniqueFd Checked(int fd, const char* what)
 {
@@ -38,22 +26,6 @@ UniqueFd Checked(int fd, const char* what)
         throw std::system_error(errno, std::generic_category(), what);
     }
     return UniqueFd(fd);
-}
-
-UniqueFd ListenOnLoopback(u32 port)
-{
-    UniqueFd fd = Checked(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0), "socket");
-    const int on = 1;
-    setsockopt(fd.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<u16>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (bind(fd.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
-        listen(fd.Get(), kBacklog) != 0) {
-        throw std::system_error(errno, std::generic_category(), "listen");
-    }
-    return fd;
 }
 
 // Overdue connections are found at most a quarter of the idle limit late.
@@ -105,12 +77,7 @@ Server::~Server()
 
 u32 Server::Port() const
 {
-    sockaddr_in address = {};
-    socklen_t size = sizeof(address);
-    if (getsockname(listener_.Get(), reinterpret_cast<sockaddr*>(&address), &size) != 0) {
-        throw std::system_error(errno, std::generic_category(), "getsockname");
-    }
-    return ntohs(address.sin_port);
+    return PortOf(listener_);
 }
 
 void Server::Run()
@@ -139,12 +106,12 @@ u32 Server::ListenerProc(struct epoll_event*, u64 data)
 // False: nobody waits, or nobody can be let in.
 bool Server::AcceptOne()
 {
-    UniqueFd socket(accept4(listener_.Get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    UniqueFd socket = AcceptClient(listener_);
     if (socket.IsOpen()) {
         if (counters_.Open() < options_.maxConnections) {
             Open(std::move(socket));
-        } else {
-            Refuse(socket);
+        } else if (TurnAway(socket)) {
+            ++counters_.refused;
         }
         return true;
     }
@@ -160,8 +127,6 @@ bool Server::AcceptOne()
 
 void Server::Open(UniqueFd socket)
 {
-    const int on = 1;
-    setsockopt(socket.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
     const auto index = static_cast<size_t>(socket.Get());
     if (index >= connections_.size()) {
         connections_.resize(index + 1);
@@ -171,20 +136,6 @@ void Server::Open(UniqueFd socket)
         connections_[index] = std::move(connection);
         ++counters_.opened;
     }
-}
-
-// What the client has sent so far is taken off the socket, as closing with unread input would reset
-// the connection. A client that goes on sending may still see a reset instead of the answer.
-void Server::Refuse(const UniqueFd& socket)
-{
-    std::array<char, 16384> ignored;
-    const ssize_t size = recv(socket.Get(), ignored.data(), ignored.size(), 0);
-    if (size == 0) {
-        return;
-    }
-    send(socket.Get(), kBusyAnswer.data(), kBusyAnswer.size(), MSG_NOSIGNAL);
-    shutdown(socket.Get(), SHUT_WR);
-    ++counters_.refused;
 }
 
 // Clients wait in the backlog until the next sweep puts the listener back.

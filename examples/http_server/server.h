@@ -7,11 +7,12 @@
 #include <vector>
 
 #include "common/xel_int.h"
+#include "examples/common/unique_fd.h"
 #include "examples/http_server/connection.h"
 #include "examples/http_server/loop.h"
+#include "examples/http_server/pages.h"
 #include "examples/http_server/signals.h"
 #include "examples/http_server/stats.h"
-#include "examples/http_server/unique_fd.h"
 
 struct ServerOptions {
     u32 port = 0; // 0: any free one
@@ -50,7 +51,6 @@ private:
 
     bool AcceptOne();
     void Open(UniqueFd socket);
-    void Refuse(const UniqueFd& socket);
     void PauseListener();
     void Sweep();
     void CloseAll();

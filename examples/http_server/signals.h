@@ -4,8 +4,8 @@
 #define HTTP_SERVER_SIGNALS_H
 
 #include "common/xel_int.h"
+#include "examples/common/unique_fd.h"
 #include "examples/http_server/loop.h"
-#include "examples/http_server/unique_fd.h"
 
 class SignalTask
 {

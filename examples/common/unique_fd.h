@@ -1,7 +1,6 @@
-// A descriptor with one owner, closed with it. Used by every object of the example that holds one;
-// no locks, all of them live on the loop's thread.
-#ifndef HTTP_SERVER_UNIQUE_FD_H
-#define HTTP_SERVER_UNIQUE_FD_H
+// A descriptor with one owner, closed with it. No locks: used by its owner's thread only.
+#ifndef EXAMPLES_UNIQUE_FD_H
+#define EXAMPLES_UNIQUE_FD_H
 
 #include <unistd.h>
 
@@ -32,4 +31,4 @@ private:
     int fd_ = -1;
 };
 
-#endif // HTTP_SERVER_UNIQUE_FD_H
+#endif // EXAMPLES_UNIQUE_FD_H

@@ -1,6 +1,6 @@
 // HTTP parsing and serialising around Beast's parser and serializer, without its sockets. Owned by
-// a connection, called on the loop's thread only; no locks.
-#include "examples/http_server/http_session.h"
+// a connection, called on its thread only; no locks.
+#include "examples/common/http_session.h"
 
 #include <algorithm>
 
@@ -105,13 +105,10 @@ void HttpSession::SendInterim()
     phase_ = SessionPhase::Sending;
 }
 
-TaskPlace HttpSession::Place() const
+std::string_view HttpSession::Target() const
 {
-    if (refusal_ != 0) {
-        return {TaskClass::Http};
-    }
     const auto target = parser_->get().target();
-    return PlaceOf({target.data(), target.size()});
+    return {target.data(), target.size()};
 }
 
 void HttpSession::Refuse(u32 status)
@@ -121,12 +118,8 @@ void HttpSession::Refuse(u32 status)
     phase_ = SessionPhase::Answering;
 }
 
-void HttpSession::Answer()
+void HttpSession::Answer(const Page& page)
 {
-    const bool refused = refusal_ != 0;
-    const auto target = parser_->get().target();
-    const Page page =
-        refused ? MakeRefusal(refusal_) : MakePage({target.data(), target.size()}, pages_);
     BuildHead(page);
     if (parser_->get().method() != http::verb::head) {
         output_ += page.text;
@@ -192,7 +185,7 @@ void HttpSession::Sent(size_t size)
 
 void HttpSession::Finish()
 {
-    ++requestCount_;
+    ++answered_;
     parser_.reset();
     refusal_ = 0;
     continueSent_ = false;
