@@ -68,7 +68,8 @@ inline void RwlockQuickWriteUnlock(XelRwlock* lock)
 // Should that be a writer between its two steps, it still enters through the count alone.
 inline void RwlockOpenFresh(XelRwlock* lock)
 {
-    if (Word(lock->count).load(std::memory_order_acquire) == 0) {
+    if (Word(lock->count).load(std::memory_order_acquire) == 0 &&
+        Word(lock->gate).load(std::memory_order_relaxed) == kGateClosed) {
         (void)SwapWord(lock->gate, kGateClosed, kGateOpen);
     }
 }

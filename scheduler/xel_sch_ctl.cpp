@@ -78,7 +78,9 @@ uint32_t XEL_TaskDel(SchCtrl* sch, SchTaskCtrl* task)
 
 void SchDbgDelTask(SchCtrl* /*sch*/, SchTaskCtrl* task)
 {
-    SchDbgDelTaskInfo(SchTaskGetFdBySchHandle(task));
+    if (SchDbgIsInit()) {
+        SchDbgDelTaskInfo(SchTaskGetFdBySchHandle(task));
+    }
 }
 
 uint32_t SCH_EpollCtrl(SchCtrl* sch, uint32_t op, int32_t fd, SchEpollCtlReq* req)

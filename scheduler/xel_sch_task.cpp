@@ -43,7 +43,7 @@ void BuildTask(SchTaskCtrl* task, i32 fd, const XelTaskAttr* attr)
     task->magic.store(0, std::memory_order_relaxed);
     FullBarrier();
     RwlockOpenFresh(&task->lock);
-    const WriteGuard guard(task->lock);
+    const ShortWriteGuard guard(task->lock);
     XelSllInit(&task->schList, &task->schCount);
     task->version = g_xelTaskRunCtrl.taskVer;
     task->fd = fd;
@@ -232,7 +232,7 @@ void SchTaskDestroy(SchTaskCtrl* task)
         return;
     }
     if (FtEntryIsValid(task, false)) {
-        const WriteGuard guard(task->lock);
+        const ShortWriteGuard guard(task->lock);
         if (IsDestroyable(task)) {
             RetireTask(task);
         }
@@ -267,7 +267,7 @@ bool SchMatchTaskHandleWithAppFd(void* record, const void* key)
         XEL_LOG_FAIL(kTaskLog, "Get task handle unsuccessfully, taskCtrl magic error.");
         return false;
     }
-    const ReadGuard guard(task->lock);
+    const ShortReadGuard guard(task->lock);
     return task->fd == *static_cast<const i32*>(key);
 }
 
@@ -301,7 +301,7 @@ u32 SchTaskGetFdBySchHandle(SchTaskCtrl* task)
         XEL_LOG_FAIL(kTaskLog, "Sch get fd, schTaskHandle invalid.");
         return XEL_FAIL;
     }
-    const ReadGuard guard(task->lock);
+    const ShortReadGuard guard(task->lock);
     const u32 magic = TaskMagicOf(task);
     if (magic != kTaskMagic) {
         XEL_LOG_FAIL(kTaskLog, "Sch get fd, task magic is damaged, magic = %#x.", magic);
@@ -335,7 +335,7 @@ u32 SchFdModify(SchTaskCtrl* task, const XelTaskAttr* attr)
                      magic);
         return XEL_FAIL;
     }
-    const WriteGuard guard(task->lock);
+    const ShortWriteGuard guard(task->lock);
     magic = TaskMagicOf(task);
     if (magic != kTaskMagic) {
         XEL_LOG_FAIL(kTaskLog, "Task modify unsuccessfully, task magic is damaged, magic = %#x.",

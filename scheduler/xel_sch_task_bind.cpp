@@ -29,7 +29,7 @@ u32 SchTaskAddScheduler(SchTaskCtrl* task, void* sch)
     if (!IsAlive(task)) {
         return XEL_FAIL;
     }
-    const WriteGuard guard(task->lock);
+    const ShortWriteGuard guard(task->lock);
     if (!IsAlive(task)) {
         return XEL_FAIL;
     }
@@ -49,7 +49,7 @@ void SchTaskRmScheduler(SchTaskCtrl* task, void* sch)
     if (!IsAlive(task)) {
         return;
     }
-    const WriteGuard guard(task->lock);
+    const ShortWriteGuard guard(task->lock);
     if (!IsAlive(task)) {
         return;
     }

@@ -232,7 +232,7 @@ u32 SchTaskGetDbgInfoByTaskHandle(SchTaskCtrl* task, SchDbgTaskInfo* out)
     if (!SchTaskHandleIsValid(task)) {
         return XEL_FAIL;
     }
-    const ReadGuard guard(task->lock);
+    const ShortReadGuard guard(task->lock);
     if (task->fd < 0) {
         return XEL_FAIL;
     }
