@@ -116,6 +116,6 @@ u32 EventAttrSetName(XelEventAttr* attr, const void* value, size_t size)
                      static_cast<u32>(ret));
         return XEL_FAIL;
     }
-    (void)memcpy_s(attr->name, sizeof(attr->name), copy, sizeof(copy));
+    memcpy(attr->name, copy, sizeof(copy));
     return XEL_OK;
 }

@@ -10,7 +10,7 @@
 #include <unistd.h>
 
 #include "common/xel_memory.h"
-#include "scheduler/xel_sch_task_inner.h"
+#include "scheduler/xel_scheduler_inner.h"
 #include "thread/xel_sch_task_settings.h"
 
 namespace
@@ -19,6 +19,7 @@ namespace
 constexpr u32 kNoMonitor = 0xFFFFFFFFU;
 constexpr u64 kExitRequested = 1; // what a semaphore-mode eventfd reads after one write
 constexpr useconds_t kExitPollUs = 10000;
+constexpr u32 kSchDestroyTries = 3;
 constexpr u32 kDestroyType = XEL_TASK_TYPE_PRIO;
 constexpr u32 kDestroyPrio = 0;
 // Edge-triggered: one wake-up is all that is needed.
@@ -100,6 +101,21 @@ void RemoveLeftoverTask(XelThreadCtrl* ctrl, i32 fd)
     }
     (void)XEL_TaskDel(ctrl->sch, task);
     XEL_TaskDestroy(task);
+}
+
+// A destruction that cannot make its wake-up leaves the scheduler as it is. Left behind for good it
+// would claim the number of the epoll descriptor, closed next, against every later scheduler, so it
+// is tried again. While the descriptor is open no other scheduler can have it.
+void DestroyScheduler(SchCtrl* sch, i32 epFd)
+{
+    XEL_SchDestroy(sch);
+    for (u32 tries = 1; tries < kSchDestroyTries; ++tries) {
+        if (sch->magic.load(std::memory_order_acquire) != kSchMagic ||
+            sch->epFd.load(std::memory_order_relaxed) != epFd) {
+            return;
+        }
+        XEL_SchDestroy(sch);
+    }
 }
 
 // Undoes the descriptor of a destroy that cannot go on.
@@ -388,7 +404,7 @@ void SchThreadCtrlFree(XelThreadCtrl* ctrl)
         close(destroyFd);
     }
     if (ctrl->sch != nullptr) {
-        XEL_SchDestroy(ctrl->sch);
+        DestroyScheduler(ctrl->sch, ctrl->epFd);
     }
     ThreadRmCtrlNode(ctrl);
     const u32 epollType = ctrl->epollType;

@@ -141,7 +141,7 @@ u32 ThreadAttrSetName(XelThreadAttr* attr, const void* value, size_t size)
                      name);
         return XEL_FAIL;
     }
-    (void)memcpy_s(attr->name, sizeof(attr->name), copy, sizeof(copy));
+    memcpy(attr->name, copy, sizeof(copy));
     return XEL_OK;
 }
 

@@ -85,6 +85,36 @@ u64 Calls(Call call)
     return SlotOf(call).calls.load();
 }
 
+u64 Hits()
+{
+    return g_hits.load();
+}
+
+u64 CallsHere(Call call)
+{
+    return CallsOfThread().calls[static_cast<u32>(call)];
+}
+
+u64 HitsHere()
+{
+    return CallsOfThread().hits;
+}
+
+u64 LastHitHere()
+{
+    return CallsOfThread().lastHit;
+}
+
+const void* LastHitAddress()
+{
+    return g_hitAddress.load();
+}
+
+void SetAnywayRule(AnywayRule rule)
+{
+    g_anywayRule.store(rule);
+}
+
 void ResetFaults()
 {
     for (CallSlot& slot : g_callSlots) {
@@ -95,6 +125,8 @@ void ResetFaults()
         }
         slot.calls.store(0);
     }
+    g_anywayRule.store(nullptr);
+    g_hits.store(0);
     Control& control = TheControl();
     const std::lock_guard<std::mutex> guard(control.mutex);
     control.hooks.clear();

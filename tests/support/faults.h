@@ -35,6 +35,7 @@ enum class Call : u32 {
     PthreadDetach,
     PthreadAttrInit,
     PthreadAttrSetstacksize,
+    Poll,
     PthreadRwlockInit,
     PthreadRwlockRdlock,
     PthreadRwlockWrlock,
@@ -58,6 +59,7 @@ enum class Call : u32 {
     XelQueDequeue,
     XelFlexibleQueCreate,
     XelFlexibleQueEnqueue,
+    XelFlexibleQueDequeue,
     XelHashDllTblCreate,
     XelHashDllEntryAdd,
     MemsetS,
@@ -85,7 +87,22 @@ void FailAll(Call call, i64 result = kUsualFailure, int errnoValue = 0);
 void RunAtNth(Call call, u64 nth, std::function<void()> hook);
 // Library calls since the last reset.
 u64 Calls(Call call);
-// Forgets planned faults and hooks and sets the counts to 0. Sleep and clock stay as they are.
+// Faults answered since the last reset.
+u64 Hits();
+// Of the calling thread, since it began: library calls, faults, and the number of the call that
+// failed last among its calls of that kind.
+u64 CallsHere(Call call);
+u64 HitsHere();
+u64 LastHitHere();
+// The first argument of the last call that failed, when that is an address (of a lock, a handle).
+const void* LastHitAddress();
+// Some failures leave the work done all the same: a lock that its caller gives back without having
+// looked at the result, an unlock, a close. While a rule is set, the real call is made in front of
+// a failing answer when the rule says so. Null: never.
+using AnywayRule = bool (*)(Call call, i64 result, const void* first);
+void SetAnywayRule(AnywayRule rule);
+// Forgets planned faults, hooks and rule and sets the counts to 0. Sleep and clock stay as they
+// are.
 void ResetFaults();
 
 // While one lives, every call of this thread counts as one of the library.

@@ -10,6 +10,7 @@
 #include <dlfcn.h>
 #include <execinfo.h>
 #include <link.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sched.h>
 #include <sys/epoll.h>
@@ -34,6 +35,7 @@ namespace
 {
 
 constinit thread_local bool t_anyCaller __attribute__((tls_model("initial-exec"))) = false;
+constinit thread_local ThreadCalls t_calls __attribute__((tls_model("initial-exec"))) = {};
 
 // Address ranges of the library's code and of the whole test program; empty until the loader has
 // been asked. Stored by one constructor.
@@ -160,10 +162,38 @@ const FaultPlan* Enter(Call call, const void* caller)
     }
     CallSlot& slot = SlotOf(call);
     const u64 n = slot.calls.fetch_add(1) + 1;
+    t_calls.calls[static_cast<u32>(call)] += 1;
     if (slot.hookAt.load() == n) {
         RunCallHook(call);
     }
     return PlanOf(slot, n);
+}
+
+const void* FirstAddress()
+{
+    return nullptr;
+}
+
+template <typename First, typename... Rest>
+const void* FirstAddress(First first, Rest... /*rest*/)
+{
+    if constexpr (std::is_pointer_v<First>) {
+        return reinterpret_cast<const void*>(first);
+    } else {
+        return nullptr;
+    }
+}
+
+// Notes a call that is about to fail; true when the real one is to be made all the same.
+bool NoteHit(Call call, const FaultPlan& plan, i64 usualFailure, const void* first)
+{
+    g_hitAddress.store(first);
+    t_calls.hits += 1;
+    t_calls.lastHit = t_calls.calls[static_cast<u32>(call)];
+    g_hits.fetch_add(1);
+    const AnywayRule rule = g_anywayRule.load();
+    const i64 result = plan.result.load();
+    return rule != nullptr && rule(call, result == kUsualFailure ? usualFailure : result, first);
 }
 
 template <typename Result>
@@ -206,6 +236,11 @@ bool& AnyCallerFlag()
     return t_anyCaller;
 }
 
+const ThreadCalls& CallsOfThread()
+{
+    return t_calls;
+}
+
 } // namespace xeltest
 
 // The wrapper has a name of its own and only its symbol is the interposed one, so that the system's
@@ -230,7 +265,14 @@ bool& AnyCallerFlag()
     {                                                                                              \
         const xeltest::FaultPlan* plan =                                                           \
             xeltest::Enter(xeltest::Call::Name, __builtin_return_address(0));                      \
-        return plan != nullptr ? xeltest::Answer<Result>(*plan, usualFailure) : Real##Name() args; \
+        if (plan == nullptr) {                                                                     \
+            return Real##Name() args;                                                              \
+        }                                                                                          \
+        if (xeltest::NoteHit(xeltest::Call::Name, *plan, usualFailure,                             \
+                             xeltest::FirstAddress args)) {                                        \
+            (void)Real##Name() args;                                                               \
+        }                                                                                          \
+        return xeltest::Answer<Result>(*plan, usualFailure);                                       \
     }
 
 XELTEST_WRAP(Eventfd, eventfd, -1, int, (unsigned count, int flags), (count, flags))
@@ -257,6 +299,8 @@ XELTEST_WRAP(PthreadDetach, pthread_detach, EINVAL, int, (pthread_t thread), (th
 XELTEST_WRAP(PthreadAttrInit, pthread_attr_init, ENOMEM, int, (pthread_attr_t * attr), (attr))
 XELTEST_WRAP(PthreadAttrSetstacksize, pthread_attr_setstacksize, EINVAL, int,
              (pthread_attr_t * attr, size_t size), (attr, size))
+XELTEST_WRAP(Poll, poll, -1, int, (struct pollfd * fds, nfds_t count, int timeoutMs),
+             (fds, count, timeoutMs))
 XELTEST_WRAP(PthreadRwlockInit, pthread_rwlock_init, EINVAL, int,
              (pthread_rwlock_t * lock, const pthread_rwlockattr_t* attr), (lock, attr))
 XELTEST_WRAP(PthreadRwlockRdlock, pthread_rwlock_rdlock, EINVAL, int, (pthread_rwlock_t * lock),
@@ -290,6 +334,8 @@ XELTEST_WRAP(XelFlexibleQueCreate, XelFlexibleQueCreate, 0, void*,
              (u32 elemSize, u32 mode, u32 capacity), (elemSize, mode, capacity))
 XELTEST_WRAP(XelFlexibleQueEnqueue, XelFlexibleQueEnqueue, 0xFFFFFFFF, u32,
              (void* queue, const void* elem), (queue, elem))
+XELTEST_WRAP(XelFlexibleQueDequeue, XelFlexibleQueDequeue, 0xFFFFFFFF, u32,
+             (void* queue, void* out), (queue, out))
 XELTEST_WRAP(XelHashDllTblCreate, XelHashDllTblCreate, 0, void*, (const XelHashDllParam* params),
              (params))
 XELTEST_WRAP(XelHashDllEntryAdd, XelHashDllEntryAdd, 0xFFFFFFFF, u32,
@@ -327,8 +373,11 @@ void* WrapFmmCtrlCreate(size_t unitSize, u32 number, u32 mode)
         xeltest::NotePool({unitSize, number, mode});
     }
     const xeltest::FaultPlan* plan = xeltest::Enter(xeltest::Call::FmmCtrlCreate, caller);
-    return plan != nullptr ? xeltest::Answer<void*>(*plan, 0)
-                           : RealFmmCtrlCreate()(unitSize, number, mode);
+    if (plan == nullptr) {
+        return RealFmmCtrlCreate()(unitSize, number, mode);
+    }
+    (void)xeltest::NoteHit(xeltest::Call::FmmCtrlCreate, *plan, 0, nullptr);
+    return xeltest::Answer<void*>(*plan, 0);
 }
 
 // The library's penalties are noted instead of waited for.
@@ -353,7 +402,11 @@ int WrapUsleep(useconds_t us)
         xeltest::NoteUsleep(us);
     }
     const xeltest::FaultPlan* plan = xeltest::Enter(xeltest::Call::Usleep, caller);
-    return plan != nullptr ? xeltest::Answer<int>(*plan, -1) : RealUsleep()(us);
+    if (plan == nullptr) {
+        return RealUsleep()(us);
+    }
+    (void)xeltest::NoteHit(xeltest::Call::Usleep, *plan, -1, nullptr);
+    return xeltest::Answer<int>(*plan, -1);
 }
 
 namespace
@@ -379,6 +432,7 @@ u32 WrapSystimeGetMicroSec(u64* out)
     const xeltest::FaultPlan* plan =
         xeltest::Enter(xeltest::Call::SystimeGetMicroSec, __builtin_return_address(0));
     if (plan != nullptr) {
+        (void)xeltest::NoteHit(xeltest::Call::SystimeGetMicroSec, *plan, 0xFFFFFFFF, out);
         return xeltest::Answer<u32>(*plan, 0xFFFFFFFF);
     }
     return ReadScript(xeltest::g_microScript, out) ? 0 : RealSystimeGetMicroSec()(out);
@@ -390,6 +444,7 @@ u32 WrapSystimeGetMilliSec(u64* out)
     const xeltest::FaultPlan* plan =
         xeltest::Enter(xeltest::Call::SystimeGetMilliSec, __builtin_return_address(0));
     if (plan != nullptr) {
+        (void)xeltest::NoteHit(xeltest::Call::SystimeGetMilliSec, *plan, 0xFFFFFFFF, out);
         return xeltest::Answer<u32>(*plan, 0xFFFFFFFF);
     }
     return ReadScript(xeltest::g_milliScript, out) ? 0 : RealSystimeGetMilliSec()(out);

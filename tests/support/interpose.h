@@ -34,6 +34,19 @@ inline CallSlot& SlotOf(Call call)
     return g_callSlots[static_cast<u32>(call)];
 }
 
+// What failed so far; the address is that of the latest one.
+inline constinit std::atomic<u64> g_hits{0};
+inline constinit std::atomic<const void*> g_hitAddress{nullptr};
+inline constinit std::atomic<AnywayRule> g_anywayRule{nullptr};
+
+// The same for one thread.
+struct ThreadCalls {
+    u64 calls[static_cast<u32>(Call::Count)];
+    u64 hits;
+    u64 lastHit;
+};
+const ThreadCalls& CallsOfThread();
+
 // One of the two clocks: real while length is 0, else the value at next, which stops at the end.
 struct ClockScript {
     std::atomic<u32> length;

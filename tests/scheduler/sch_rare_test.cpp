@@ -1,0 +1,125 @@
+// Entry points that the library itself does not go through, and answers of a policy or of epoll
+// that no well-behaved one gives.
+#include <gtest/gtest.h>
+
+#include "sch_dispatch_support.h"
+#include "scheduler/xel_fmm_tbl.h"
+#include "scheduler/xel_sch_dbg_inner.h"
+
+namespace
+{
+
+using namespace schtest;
+using Seconds = std::vector<u32>;
+
+class SchRare : public SchTest
+{
+protected:
+    void SetUp() override
+    {
+        SchTest::SetUp();
+        FakePolicy::Reset();
+    }
+};
+
+// The event as epoll would report it for a task.
+struct epoll_event EventOf(SchTaskCtrl* task)
+{
+    struct epoll_event event = {};
+    event.events = EPOLLIN;
+    event.data.ptr = task;
+    return event;
+}
+
+TEST_F(SchRare, CycleWithoutTheSchedulersLockRunsAsWell)
+{
+    TestSch sch;
+    HookRecorder hooks;
+    const ReadyTask task(sch.Get(), {NoteProc, 3});
+    (void)HookRecorder::Take();
+    SchDispatch(sch.Get(), 9, NoteHook);
+    const Notes notes = HookRecorder::Take();
+    ASSERT_GE(notes.size(), 3U);
+    EXPECT_EQ(notes[0], "hook 9 0");
+    EXPECT_EQ(notes[1], "run 3");
+    EXPECT_EQ(notes[2], "hook 9 1");
+}
+
+TEST_F(SchRare, CycleOfADestroyedRecordSleeps)
+{
+    TestSch sch;
+    SchCtrl* stale = sch.Get();
+    sch.Destroy();
+    SchDispatch(stale, 0, nullptr);
+    EXPECT_LINES(SchLine("Sch dispatch, magic is damaged, magic = 0."));
+    EXPECT_EQ(xeltest::TakeSleeps(), Seconds{1});
+}
+
+TEST_F(SchRare, EventsHandedInAreRunInOrder)
+{
+    TestSch sch(Policy::None);
+    HookRecorder hooks;
+    const ReadyTask a(sch.Get(), {NoteProc, 1});
+    const ReadyTask b(sch.Get(), {FailingProc, 2});
+    struct epoll_event events[] = {EventOf(b.Task()), EventOf(a.Task())};
+    (void)HookRecorder::Take();
+    SchEventsProcess(sch.Get(), 0, nullptr, events, 2);
+    Notes runs = HookRecorder::Take();
+    std::erase_if(runs, [](const std::string& note) { return !note.starts_with("run"); });
+    EXPECT_EQ(runs, (Notes{"run 2", "run 1"}));
+    EXPECT_LINES(SchLine("User proc result, param = :2. (ret = 0x5).", 80));
+}
+
+TEST_F(SchRare, RecordBeforeARunTakesTheTaskAndTheStart)
+{
+    TestSch sch;
+    const ReadyTask task(sch.Get(), {xeltest::NopProc, 0, 1, 7, "recorded"});
+    SchTaskTraceInfo record = {};
+    SchDbgInfoRecordBeforeProcess(task.Task(), 1234, &record);
+    EXPECT_EQ(record.startTime, 1234U);
+    EXPECT_EQ(record.fd, task.Fd());
+    EXPECT_EQ(record.type, 1U);
+    EXPECT_EQ(record.prio, 7U);
+    EXPECT_STREQ(record.name, "recorded");
+    SchDbgInfoRecordBeforeProcess(nullptr, 99, &record);
+    EXPECT_EQ(record.startTime, 99U) << "the start is noted for a task that is gone too";
+    EXPECT_LINES(TaskLine("task handle null."),
+                 TaskLine("Sch get task name unsuccessfully, schTaskHandle null."));
+}
+
+TEST_F(SchRare, PolicyThatPreparesMoreThanTheBufferHoldsGetsTheBuffersSize)
+{
+    const SchPolicyOps policy = FakePolicy::Ops();
+    EpollProbe probe;
+    TestSch sch(probe.Ops(), &policy, 4);
+    (void)probe.TakeWaits();
+    FakePolicy::prepareResult = 5;
+    probe.onWait = [](const EpollProbe::Wait&) { return 0; };
+    XEL_SchDispatch(sch.Get());
+    const std::vector<EpollProbe::Wait> waits = probe.TakeWaits();
+    ASSERT_EQ(waits.size(), 1U);
+    EXPECT_EQ(waits[0].maxEvents, 4);
+    probe.onWait = nullptr;
+}
+
+TEST_F(SchRare, NoTableIsDestroyedAtOnce)
+{
+    EXPECT_EQ(FtCtrlDestroy(nullptr), 0U);
+}
+
+void EndBeforeTheBegin()
+{
+    EXPECT_EQ(SchFinal(), 0U);
+    EXPECT_EQ(SchFinal(), 0U);
+    EXPECT_EQ(g_xelSchRunCtrl.inited.load(), 0U);
+    EXPECT_EQ(SchInit(), 0U);
+    EXPECT_EQ(SchInit(), 0U) << "once is enough";
+    EXPECT_EQ(SchFinal(), 0U);
+}
+
+TEST(SchRareFresh, EndBeforeTheBeginDoesNothing)
+{
+    XELTEST_IN_FRESH_PROCESS(EndBeforeTheBegin);
+}
+
+} // namespace

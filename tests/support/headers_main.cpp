@@ -1,0 +1,5 @@
+// Stands for the precompiled headers that the test programs share.
+int main()
+{
+    return 0;
+}
