@@ -52,9 +52,9 @@ inline bool RwlockQuickWriteLock(XelRwlock* lock)
 {
     u32 nobody = 0;
     return Word(lock->gate).load(std::memory_order_relaxed) == kGateOpen &&
-           Word(lock->count).compare_exchange_strong(nobody, kWriterInside,
-                                                     std::memory_order_acquire,
-                                                     std::memory_order_relaxed);
+           Word(lock->count)
+               .compare_exchange_strong(nobody, kWriterInside, std::memory_order_acquire,
+                                        std::memory_order_relaxed);
 }
 
 // While a writer is inside nobody else changes the count: a store is enough.

@@ -5,7 +5,7 @@
  * SchInnerEventCreate, InnerEventNotify, InnerEventRepeat, SchInnerEventProc
  * (scheduler/xel_sch_inner_event.cpp); SchCycle, SchReadGuard, RegistryLock, WaitForCycle
  * (scheduler/xel_sch_hold.cpp); DispatchLocked, RunCycle, SchEventsGet
- * (scheduler/xel_sch_dispatch.cpp); the lock through rwlock.h.
+ * (scheduler/xel_sch_dispatch.cpp); the lock through rwlock.inc.
  *
  * One scheduler; its dispatcher, whose callbacks look the scheduler up by its descriptor (as
  * SCH_GetTasksEventCache does) or fetch its policy (as XEL_TaskAdd does) or do neither; a
@@ -22,7 +22,7 @@
  * WITHOUT_SECOND_CHECK     a destroyer does not look at the magic again under the locks
  * WITHOUT_WAKE_UP          no inner event at all: the destroyer only closes the gate
  */
-#include "rwlock.h"
+#include "rwlock.inc"
 
 #ifdef TWO
 #define DESTROYERS 2

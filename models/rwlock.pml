@@ -2,7 +2,7 @@
  * without end.
  *
  * Mirrors common/xel_lock.cpp, common/xel_lock_wait.h and the short guards of
- * common/xel_lock_guard.h through rwlock.h.
+ * common/xel_lock_guard.h through rwlock.inc.
  *
  * Holds: a writer inside is alone; a reader or short holder that comes after a writer has closed
  * the gate does not enter before it; nobody is stuck for ever (no invalid end state).
@@ -28,7 +28,7 @@ byte writersIn = 0;
 #define NOTE_QUICK_ENTERS assert(!late[SHORT_HOLDER])
 #endif
 
-#include "rwlock.h"
+#include "rwlock.inc"
 
 Rwlock lock;
 

@@ -13,7 +13,7 @@
  * WITHOUT_OPENING  the creator leaves the lock of a zeroed unit closed
  * WITHOUT_SECOND_LOOK  users do not look at the magic again once they have the lock
  */
-#include "rwlock.h"
+#include "rwlock.inc"
 
 #define USERS 2
 

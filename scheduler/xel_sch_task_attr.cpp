@@ -2,6 +2,8 @@
 // owns it; nothing here locks. Also the check that creation and modification make of an object.
 #include "scheduler/xel_sch_task_inner.h"
 
+#include <cstring>
+
 #include "common/xel_memory.h"
 
 namespace
@@ -154,7 +156,7 @@ u32 SchTaskAttrSetName(XelTaskAttr* attr, const void* value, size_t size)
         XEL_LOG_FAIL(kTaskLog, "Scheduler set name unsuccessfully, copy name unsuccessfully.");
         return XEL_FAIL;
     }
-    (void)memcpy_s(attr->name, sizeof(attr->name), copy, sizeof(copy));
+    memcpy(attr->name, copy, sizeof(copy));
     return XEL_OK;
 }
 

@@ -152,7 +152,9 @@ bool CreateService(const XelServiceMqConfig& config)
 // Destruction does not wait for a consumer: the thread has to be past it.
 void EndService(Trial& run)
 {
-    XelEventNode* event = FindService()->mq->queue->event;
+    const XelLightMq* queue = FindService()->mq->queue;
+    CheckedLocks::Set(&queue->mutex);
+    XelEventNode* event = queue->event;
     const u32 events = g_xelEventList.count;
     XEL_ServiceMqDestroy(kService);
     EXPECT_EQ(FindService(), nullptr);
