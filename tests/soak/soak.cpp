@@ -261,6 +261,7 @@ int main(int argc, char** argv)
         fprintf(stderr, "usage: soak [SECONDS [SEED]]\n");
         return 2;
     }
+    (void)setvbuf(stdout, nullptr, _IOLBF, 0);
     printf("seed %" PRIu64 "\n", seed);
     return soak::Run(seconds, seed);
 }
