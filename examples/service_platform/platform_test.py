@@ -238,7 +238,8 @@ class ServicePlatform(unittest.TestCase):
     # Real clients
 
     def test_AStopInTheMidstOfRequestsAnswersEachOnce(self):
-        self.start("--work-us", "2000", "--timeout-ms", "600", "--patience-ms", "10000")
+        self.start("--work-us", "2000", "--timeout-ms", "600", "--patience-ms", "10000",
+                   "--expiry-ms", "60000")
         with contextlib.ExitStack() as stack:
             calls = [stack.enter_context(self.raw(f"/call/{i}")) for i in range(40)]
             slow = [stack.enter_context(self.raw(f"/slow/{i}")) for i in range(5)]
