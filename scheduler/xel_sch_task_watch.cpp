@@ -44,8 +44,13 @@ int Control(SchTaskCtrl* task, i32 epFd, int op, i32 fd, u32 events)
 // the descriptor was closed, or deleted by somebody else.
 bool Modify(SchTaskCtrl* task, i32 epFd, i32 fd, u32 events)
 {
-    return Control(task, epFd, EPOLL_CTL_MOD, fd, events) == 0 ||
-           Control(task, epFd, EPOLL_CTL_MOD, fd, events) == 0 || errno == ENOENT || errno == EBADF;
+    constexpr u32 kTries = 2;
+    for (u32 i = 0; i < kTries; ++i) {
+        if (Control(task, epFd, EPOLL_CTL_MOD, fd, events) == 0) {
+            return true;
+        }
+    }
+    return errno == ENOENT || errno == EBADF;
 }
 
 // What the descriptor is ready for, of the events it was registered for.
