@@ -15,6 +15,14 @@ elseif(XEL_SANITIZE)
     message(FATAL_ERROR "XEL_SANITIZE is empty, address or thread, not ${XEL_SANITIZE}")
 endif()
 if(XEL_SANITIZE)
+    if(XEL_SANITIZE STREQUAL "address" AND CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+        # As a shared library, like that of g++: functions that tests put in front of the system's
+        # must still find those of the sanitizer behind them.
+        list(APPEND XEL_SANITIZE_FLAGS -shared-libsan)
+        execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-runtime-dir
+                        OUTPUT_VARIABLE runtime_dir OUTPUT_STRIP_TRAILING_WHITESPACE)
+        target_link_options(xel_options INTERFACE -Wl,-rpath,${runtime_dir})
+    endif()
     target_compile_options(xel_options INTERFACE ${XEL_SANITIZE_FLAGS})
     target_link_options(xel_options INTERFACE ${XEL_SANITIZE_FLAGS})
 endif()

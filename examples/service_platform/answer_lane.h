@@ -7,8 +7,8 @@
 #include <mutex>
 #include <string>
 
+#include "examples/common/worker.h"
 #include "examples/service_platform/gauge.h"
-#include "examples/worker_events/worker.h"
 
 struct Answer {
     u64 request = 0;

@@ -4,10 +4,10 @@
 
 #include <vector>
 
+#include "examples/common/holdings.h"
 #include "examples/service_platform/load.h"
 #include "examples/service_platform/platform.h"
 #include "examples/service_platform/trace.h"
-#include "examples/worker_events/holdings.h"
 
 struct Report {
     PlatformAccount platform;

@@ -4,7 +4,7 @@
 
 #include <functional>
 
-#include "examples/worker_events/worker.h"
+#include "examples/common/worker.h"
 
 // Threads: any but a scheduler thread. What step throws is thrown here. Everything that step did is
 // visible to the caller after, and everything before the call is visible to step.

@@ -9,8 +9,8 @@
 #include <atomic>
 #include <type_traits>
 
+#include "examples/common/worker.h"
 #include "examples/service_platform/gauge.h"
-#include "examples/worker_events/worker.h"
 #include "xel_service_mq.h"
 
 class MessageHandler

@@ -13,7 +13,7 @@
 #define SERVICE_PLATFORM_TASKS_H
 
 #include "common/xel_int.h"
-#include "examples/worker_events/worker.h"
+#include "examples/common/worker.h"
 
 enum class TaskPlace : u8 { Admin, Listener, Http, Desk };
 

@@ -10,8 +10,8 @@
 #include <array>
 #include <atomic>
 
+#include "examples/common/worker.h"
 #include "examples/service_platform/gauge.h"
-#include "examples/worker_events/worker.h"
 #include "xel_timer.h"
 
 enum class TimerKind : u8 { Request, Sample, Sweep, Expiry, SetAside };

@@ -7,8 +7,8 @@
 #include <atomic>
 #include <chrono>
 
+#include "examples/common/worker.h"
 #include "examples/worker_events/counter.h"
-#include "examples/worker_events/worker.h"
 
 constexpr u64 kRounds = 5000;
 constexpr auto kStuckTime = std::chrono::milliseconds(3500);

@@ -5,8 +5,8 @@
 #include <thread>
 #include <vector>
 
+#include "examples/common/holdings.h"
 #include "examples/worker_events/callbacks.h"
-#include "examples/worker_events/holdings.h"
 
 namespace
 {

@@ -90,7 +90,7 @@ TEST_F(SchDestroy, GivesEverythingBackButTasksAndDescriptors)
     EXPECT_EQ(task->schCount, 1U);
     struct epoll_event event = {};
     EXPECT_EQ(epoll_wait(epoll.Get(), &event, 1, 0), 1) << "still registered";
-    EXPECT_EQ(event.data.ptr, task);
+    EXPECT_EQ(static_cast<void*>(event.data.ptr), task);
     XEL_TaskDestroy(task);
     EXPECT_EQ(Measure(), before);
 }

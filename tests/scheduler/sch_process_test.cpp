@@ -101,7 +101,7 @@ TEST_F(SchProcess, CallbackSeesTheMaskAndItsTask)
         const ReadyTask task(sch.Get(), {SeeingProc}, 1, EPOLLOUT);
         XEL_SchDispatch(sch.Get());
         EXPECT_EQ(u32{g_seen.events}, u32{EPOLLIN | EPOLLOUT});
-        EXPECT_EQ(g_seen.data.ptr, task.Task());
+        EXPECT_EQ(static_cast<void*>(g_seen.data.ptr), task.Task());
     }
 }
 

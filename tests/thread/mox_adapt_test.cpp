@@ -190,11 +190,11 @@ TEST_F(MoxAdapt, ReadyRecordsAreTranslated)
     struct epoll_event events[4] = {};
     events[2].data.u64 = 9;
     EXPECT_EQ(THREAD_MoxEpollWaitAdapt(epFd_.Get(), events, 4, 250), 2);
-    EXPECT_EQ(events[0].events, static_cast<u32>(EPOLLIN));
-    EXPECT_EQ(events[0].data.u64, 0xAAAA0000BBBBU);
-    EXPECT_EQ(events[1].events, static_cast<u32>(EPOLLIN));
-    EXPECT_EQ(events[1].data.u64, 0xFFFFFFFFFFFFFFFFU);
-    EXPECT_EQ(events[2].data.u64, 9U);
+    EXPECT_EQ(u32{events[0].events}, static_cast<u32>(EPOLLIN));
+    EXPECT_EQ(u64{events[0].data.u64}, 0xAAAA0000BBBBU);
+    EXPECT_EQ(u32{events[1].events}, static_cast<u32>(EPOLLIN));
+    EXPECT_EQ(u64{events[1].data.u64}, 0xFFFFFFFFFFFFFFFFU);
+    EXPECT_EQ(u64{events[2].data.u64}, 9U);
     EXPECT_EQ(stand_->lastWait[0], epFd_.Get());
     EXPECT_EQ(stand_->lastWait[1], 4);
     EXPECT_EQ(stand_->lastWait[2], 250);
@@ -211,7 +211,7 @@ TEST_F(MoxAdapt, NegativeWaitsArePassedOn)
         EXPECT_EQ(THREAD_MoxEpollWaitAdapt(epFd_.Get(), &event, 1, 0), answer);
         EXPECT_EQ(THREAD_MoxEpollErrorNoGetAdapt(), 66);
     }
-    EXPECT_EQ(event.events, 7U);
+    EXPECT_EQ(u32{event.events}, 7U);
     EXPECT_NO_LOG();
 }
 
@@ -220,7 +220,7 @@ TEST_F(MoxAdapt, EmptyWaitCopiesNothing)
     struct epoll_event event = {};
     event.data.u64 = 5;
     EXPECT_EQ(THREAD_MoxEpollWaitAdapt(epFd_.Get(), &event, 1, 0), 0);
-    EXPECT_EQ(event.data.u64, 5U);
+    EXPECT_EQ(u64{event.data.u64}, 5U);
 }
 
 // There is no room for more than was asked for.
@@ -234,8 +234,8 @@ TEST_F(MoxAdapt, ExcessEventsAreCut)
     for (const int excess : {1, 7, 100000}) {
         stand_->excess.store(excess);
         EXPECT_EQ(THREAD_MoxEpollWaitAdapt(epFd_.Get(), events, 1, 0), 1);
-        EXPECT_EQ(events[0].data.u64, 42U);
-        EXPECT_EQ(events[1].data.u64, 9U);
+        EXPECT_EQ(u64{events[0].data.u64}, 42U);
+        EXPECT_EQ(u64{events[1].data.u64}, 9U);
     }
 }
 

@@ -1,7 +1,7 @@
-// Owners of what the example is made of: a scheduler thread, and an event on one. Both are created
+// Owners of what an example is made of: a scheduler thread, and an event on one. Both are created
 // and destroyed by the main thread; an event must go before its thread does.
-#ifndef WORKER_EVENTS_WORKER_H
-#define WORKER_EVENTS_WORKER_H
+#ifndef COMMON_WORKER_H
+#define COMMON_WORKER_H
 
 #include "common/xel_int.h"
 #include "xel_event.h"
@@ -42,4 +42,4 @@ private:
     XelEventNode* event_ = nullptr;
 };
 
-#endif // WORKER_EVENTS_WORKER_H
+#endif // COMMON_WORKER_H

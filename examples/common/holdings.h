@@ -1,6 +1,6 @@
 // What the process holds, counted to show that nothing is left.
-#ifndef WORKER_EVENTS_HOLDINGS_H
-#define WORKER_EVENTS_HOLDINGS_H
+#ifndef COMMON_HOLDINGS_H
+#define COMMON_HOLDINGS_H
 
 struct Holdings {
     long blocks;      // of the library's memory
@@ -14,4 +14,4 @@ Holdings CountHoldings();
 // threads are detached, so the end of their last instructions shows in /proc only.
 Holdings CountHoldingsWithThreads(long threads);
 
-#endif // WORKER_EVENTS_HOLDINGS_H
+#endif // COMMON_HOLDINGS_H

@@ -1,6 +1,6 @@
 // Creation and destruction of workers and events. The library has logged the reason of a failure
 // when it is thrown here.
-#include "examples/worker_events/worker.h"
+#include "examples/common/worker.h"
 
 #include <cstring>
 #include <stdexcept>

@@ -1,5 +1,5 @@
 // The counts come from the memory service and from /proc. Called from the main thread.
-#include "examples/worker_events/holdings.h"
+#include "examples/common/holdings.h"
 
 #include <chrono>
 #include <filesystem>
