@@ -160,11 +160,12 @@ void SetMayBlock(SchCtrl* sch, bool mayBlock)
 void RunEvents(SchCtrl* sch, const DispatchHook& hook, struct epoll_event* events, i32 n,
                bool isUnitKnown)
 {
+    const SchBatch batch = SchTaskBatch(isUnitKnown);
     SchTaskTraceInfo record;
     record.eventLeft = 0;
     for (i32 i = 0; i < n; ++i) {
         XelTaskUsrCb callback = {};
-        if (SchTaskBeginRun(TaskOf(events[i]), isUnitKnown, &callback, &record) != XEL_OK) {
+        if (SchTaskBeginRun(TaskOf(events[i]), batch, &callback, &record) != XEL_OK) {
             SchDbgAddErrStat(EpFdOf(sch), SCH_ERR_INVALID_TASK);
             XEL_LOG_FAIL(kSchLog, "Event process, invalid task-ctrl.");
             continue;
@@ -204,13 +205,24 @@ CycleEnd RunCycle(SchCtrl* sch, u64 context, SchDispatchHook hook)
     return CycleEnd::Done;
 }
 
+// Memory that is no scheduler holds no lock that could be taken.
+bool HasMagic(const SchCtrl* sch)
+{
+    const u32 magic = sch->magic.load(std::memory_order_acquire);
+    if (magic == kSchMagic) {
+        return true;
+    }
+    XEL_LOG_FAIL(kSchLog, "Sch dispatch, magic is damaged, magic = %#x.", magic);
+    return false;
+}
+
 // One cycle under the scheduler's lock. A thread that has nothing to do there sleeps after it has
 // given the lock back: neither a destroyer nor the creator that takes a stale record again waits
 // for the sleeper.
 void DispatchLocked(SchCtrl* sch, u64 context, SchDispatchHook hook)
 {
-    CycleEnd end = CycleEnd::Done;
-    {
+    CycleEnd end = CycleEnd::SleepDue;
+    if (HasMagic(sch)) {
         const SchCycle cycle(sch);
         end = RunCycle(sch, context, hook);
     }
@@ -245,9 +257,7 @@ void SchDispatch(SchCtrl* sch, u64 context, SchDispatchHook hook)
 
 bool SchIsCtrlValid(SchCtrl* sch)
 {
-    const u32 magic = sch->magic.load(std::memory_order_acquire);
-    if (magic != kSchMagic) {
-        XEL_LOG_FAIL(kSchLog, "Sch dispatch, magic is damaged, magic = %#x.", magic);
+    if (!HasMagic(sch)) {
         return false;
     }
     const u32 state = sch->state.load(std::memory_order_relaxed);

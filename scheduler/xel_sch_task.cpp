@@ -45,7 +45,7 @@ void BuildTask(SchTaskCtrl* task, i32 fd, const XelTaskAttr* attr)
     RwlockOpenFresh(&task->lock);
     const ShortWriteGuard guard(task->lock);
     XelSllInit(&task->schList, &task->schCount);
-    task->version = g_xelTaskRunCtrl.taskVer;
+    task->version = g_xelTaskRunCtrl.taskVer.load(std::memory_order_relaxed);
     task->fd = fd;
     task->init = 1;
     SchTaskCtrlSetData(task, attr);
@@ -108,7 +108,7 @@ u32 CreateTable()
         return XEL_FAIL;
     }
     g_xelTaskRunCtrl.fdTbl = table;
-    g_xelTaskRunCtrl.taskVer = 0;
+    g_xelTaskRunCtrl.taskVer.store(0, std::memory_order_relaxed);
     g_xelTaskRunCtrl.init.store(1, std::memory_order_release);
     return XEL_OK;
 }
@@ -206,7 +206,7 @@ SchTaskCtrl* SchTaskCreate(i32 fd, const XelTaskAttr* attr)
         if (task == nullptr) {
             XEL_LOG_FAIL(kTaskLog, "Task create unsuccessfully, alloc task-ctrl unsuccessfully!");
         } else {
-            g_xelTaskRunCtrl.taskVer += 1;
+            g_xelTaskRunCtrl.taskVer.fetch_add(1, std::memory_order_relaxed);
             BuildTask(task, fd, attr);
             TaskIndexAdd(task);
         }

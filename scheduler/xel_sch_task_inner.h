@@ -89,8 +89,8 @@ inline SchTaskTail* TailOf(SchTaskCtrl* task)
 struct TaskRunCtrl {
     pthread_rwlock_t rwlock;
     FtCtrl* fdTbl;
-    u32 taskVer;
-    std::atomic<u8> init; // set last by TaskInit (release), read first (acquire)
+    std::atomic<u32> taskVer; // written under the lock
+    std::atomic<u8> init;     // set last by TaskInit (release), read first (acquire)
 };
 
 // What the policy needs of a task when readiness is inserted.
@@ -169,10 +169,21 @@ XEL_EXTERN_C_END
 u32 SchTaskTakeEvent(SchTaskCtrl* task, u32 version, struct epoll_event* event, bool isCrowded,
                      bool* isOwed);
 
+// What is known of the tasks of a batch of events before its first callback runs.
+struct SchBatch {
+    bool isUnitKnown; // the handles were found to be units of the table: the magic tells the rest
+    u32 newest;       // version of the task created last
+};
+
+inline SchBatch SchTaskBatch(bool isUnitKnown)
+{
+    return {isUnitKnown, g_xelTaskRunCtrl.taskVer.load(std::memory_order_relaxed)};
+}
+
 // What a run begins with, under one hold of the task's lock: the callback with its data, and the
-// task's share of the run's record but for the time of day. isUnitKnown: the handle was found to be
-// a unit of the table before, so that its magic tells the rest. 0, or 0xFFFFFFFF (logged).
-u32 SchTaskBeginRun(SchTaskCtrl* task, bool isUnitKnown, XelTaskUsrCb* callback,
+// task's share of the run's record but for the time of day. 0, or 0xFFFFFFFF (logged). A task
+// younger than its batch is refused: it took the unit of one that was destroyed since.
+u32 SchTaskBeginRun(SchTaskCtrl* task, const SchBatch& batch, XelTaskUsrCb* callback,
                     SchTaskTraceInfo* trace);
 
 // An event of the task is dropped unrun: clears the pending mask when the version is still the

@@ -150,10 +150,10 @@ void SchTaskDropEvent(SchTaskCtrl* task, u32 version)
     }
 }
 
-u32 SchTaskBeginRun(SchTaskCtrl* task, bool isUnitKnown, XelTaskUsrCb* callback,
+u32 SchTaskBeginRun(SchTaskCtrl* task, const SchBatch& batch, XelTaskUsrCb* callback,
                     SchTaskTraceInfo* trace)
 {
-    if (!IsLive(task, isUnitKnown)) {
+    if (!IsLive(task, batch.isUnitKnown)) {
         XEL_LOG_FAIL(kTaskLog, "Task get info process unsuccessfully, task is invalid.");
         return XEL_FAIL;
     }
@@ -162,6 +162,10 @@ u32 SchTaskBeginRun(SchTaskCtrl* task, bool isUnitKnown, XelTaskUsrCb* callback,
         XEL_LOG_FAIL(kTaskLog,
                      "Task get info process unsuccessfully, handle has been destroyed. (init = %d)",
                      static_cast<int>(task->init));
+        return XEL_FAIL;
+    }
+    if (static_cast<i32>(task->version - batch.newest) > 0) {
+        XEL_LOG_FAIL(kTaskLog, "Task get info process unsuccessfully, task is invalid.");
         return XEL_FAIL;
     }
     *callback = {task->proc, task->data};
@@ -173,7 +177,7 @@ u32 SchTaskGetInfoProcess(SchTaskCtrl* task, XelTaskProc* proc, u64* data)
 {
     XelTaskUsrCb callback = {};
     SchTaskTraceInfo unused;
-    const u32 ret = SchTaskBeginRun(task, false, &callback, &unused);
+    const u32 ret = SchTaskBeginRun(task, SchTaskBatch(false), &callback, &unused);
     if (ret == XEL_OK) {
         *proc = callback.proc;
         *data = callback.data;

@@ -19,6 +19,7 @@ namespace
 constexpr u32 kNoMonitor = 0xFFFFFFFFU;
 constexpr u64 kExitRequested = 1; // what a semaphore-mode eventfd reads after one write
 constexpr useconds_t kExitPollUs = 10000;
+constexpr u32 kPollsPerReminder = 50; // half a second
 constexpr u32 kSchDestroyTries = 3;
 constexpr u32 kDestroyType = XEL_TASK_TYPE_PRIO;
 constexpr u32 kDestroyPrio = 0;
@@ -313,6 +314,28 @@ u32 ThreadEventFdProc(struct epoll_event* events, u64 data)
     return XEL_OK;
 }
 
+namespace
+{
+
+// Polls for the end of the thread. Its destroy event is edge-triggered, so a wake-up whose read
+// failed, or that found no slot in a full policy, would be the last one: it is repeated now and
+// then. The thread reads one count, whatever has gathered.
+void AwaitExit(const XelThreadCtrl* thread)
+{
+    for (u32 polls = 1;; ++polls) {
+        const u32 exited = thread->exited.load(std::memory_order_acquire);
+        usleep(kExitPollUs);
+        if (exited != 0) {
+            return;
+        }
+        if (polls % kPollsPerReminder == 0) {
+            (void)eventfd_write(thread->destroyFd.load(std::memory_order_relaxed), 1);
+        }
+    }
+}
+
+} // namespace
+
 u32 SchEventThreadDestory(XelThreadCtrl* thread)
 {
     if (thread == nullptr) {
@@ -326,11 +349,7 @@ u32 SchEventThreadDestory(XelThreadCtrl* thread)
         XEL_LOG_FAIL(kThreadLog, "Thread discard to trigger destroy event.");
         return XEL_FAIL;
     }
-    u32 exited = 0;
-    do {
-        exited = thread->exited.load(std::memory_order_acquire);
-        usleep(kExitPollUs);
-    } while (exited == 0);
+    AwaitExit(thread);
     SchThreadCtrlFree(thread);
     return XEL_OK;
 }

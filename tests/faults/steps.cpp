@@ -105,14 +105,9 @@ void UseThread(Trial& run, XelThreadCtrl* thread, Counted& counted)
     EndLeftTask(run, fd);
 }
 
-// A destroy event that the thread could not read, or had no slot for, is not reported again by
-// itself: it is edge-triggered. A second notification is.
 void EndThread(Trial& run, XelThreadCtrl* thread)
 {
     SchCtrl* sch = thread->sch;
-    if (run.IsFault(Call::Read) || run.IsFault(Call::XelQueDequeue)) {
-        RunAtNth(Call::Usleep, 5, [thread] { (void)eventfd_write(thread->destroyFd.load(), 1); });
-    }
     run.End("SchEventThreadDestory",
             {Fatal(Call::Eventfd, 1), Call::XelMemAllocF, Fatal(Call::StrcpyS, 1),
              Fatal(Call::FmmUnitAlloc, 2), Fatal(Call::EpollCtl, 1), Fatal(Call::EventfdWrite, 1),

@@ -4,9 +4,7 @@
 //
 // Left out, since they trust their handle as documented:
 //   SCH_DispatchWithDeadloop, SCH_Bfs*: used by whoever owns the scheduler or policy;
-//   XEL_SchDispatch
-//     takes the scheduler's lock first, so it gets null and destroyed schedulers only,
-//     SCH_EpollCtrl no null;
+//   SCH_EpollCtrl with null;
 //   XEL_ThreadCreate, XEL_TimerSetAttr, XEL_TimerCreate, XEL_TimerAddTimerType: the magic of the
 //     attribute is not looked at, so only null is tried;
 //   THREAD_GetSchTid with null, XelLightMq* but XelLightMqCreate: not checked;
@@ -202,7 +200,7 @@ void AddSchedulerFunctions(List& list, Zoo& zoo)
              return true;
          })});
     list.push_back(
-        {"XEL_SchDispatch", Family::Sch, kNull | kDestroyed, With<SchCtrl>([](SchCtrl* sch) {
+        {"XEL_SchDispatch", Family::Sch, kAnyLive | kDestroyed, With<SchCtrl>([](SchCtrl* sch) {
              XEL_SchDispatch(sch);
              return TakeSleeps() == std::vector<u32>{1};
          })});

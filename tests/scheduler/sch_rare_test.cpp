@@ -1,5 +1,7 @@
 // Entry points that the library itself does not go through, and answers of a policy or of epoll
 // that no well-behaved one gives.
+#include <algorithm>
+
 #include <gtest/gtest.h>
 
 #include "sch_dispatch_support.h"
@@ -120,6 +122,71 @@ void EndBeforeTheBegin()
 TEST(SchRareFresh, EndBeforeTheBeginDoesNothing)
 {
     XELTEST_IN_FRESH_PROCESS(EndBeforeTheBegin);
+}
+
+// What the callback of the first descriptor of a batch does to the task of the second.
+struct Turnover {
+    SchCtrl* sch;
+    int doomed;
+    int fresh;
+    SchTaskCtrl* before;
+    SchTaskCtrl* after;
+};
+
+u32 TurnOverProc(struct epoll_event* event, u64 data)
+{
+    (void)event;
+    auto* turnover = reinterpret_cast<Turnover*>(data);
+    turnover->before = SchTaskGetHandleByAppFd(turnover->doomed);
+    EXPECT_EQ(DelFd(turnover->sch, turnover->doomed), 0U);
+    turnover->after = MakeTask(turnover->fresh, {NoteProc, 77});
+    return 0;
+}
+
+// A batch was fetched with the task of the second descriptor; the first callback ends that task,
+// and a task of another descriptor, which no scheduler knows, takes its unit.
+TEST_F(SchRare, TaskThatTookTheUnitOfADestroyedOneIsNotRunInItsPlace)
+{
+    TestSch sch(Policy::None);
+    HookRecorder hooks;
+    const Fd first = Fd::Event(1);
+    const Fd doomed = Fd::Event(1);
+    const Fd fresh = Fd::Event();
+    Turnover turnover = {sch.Get(), doomed.Get(), fresh.Get(), nullptr, nullptr};
+    ASSERT_EQ(AddFd(sch.Get(), first.Get(), {TurnOverProc, reinterpret_cast<u64>(&turnover)}), 0U);
+    ASSERT_EQ(AddFd(sch.Get(), doomed.Get(), {NoteProc, 1}), 0U);
+    (void)HookRecorder::Take();
+    XEL_SchDispatch(sch.Get());
+    ASSERT_EQ(turnover.after, turnover.before) << "the unit freed last is taken first";
+    const Notes notes = HookRecorder::Take();
+    EXPECT_EQ(std::count(notes.begin(), notes.end(), "run 77"), 0);
+    EXPECT_LINES(TaskLine("Task get info process unsuccessfully, task is invalid."),
+                 SchLine("Event process, invalid task-ctrl."));
+    EXPECT_EQ(DelFd(sch.Get(), first.Get()), 0U);
+    XEL_TaskDestroy(turnover.after);
+}
+
+// The refusal is for one batch only: what takes the unit next runs when its own readiness comes.
+TEST_F(SchRare, TaskInATurnedOverUnitRunsWithItsOwnBatch)
+{
+    TestSch sch(Policy::None);
+    HookRecorder hooks;
+    const Fd first = Fd::Event(1);
+    const Fd doomed = Fd::Event(1);
+    const Fd fresh = Fd::Event(1);
+    Turnover turnover = {sch.Get(), doomed.Get(), fresh.Get(), nullptr, nullptr};
+    ASSERT_EQ(AddFd(sch.Get(), first.Get(), {TurnOverProc, reinterpret_cast<u64>(&turnover)}), 0U);
+    ASSERT_EQ(AddFd(sch.Get(), doomed.Get(), {NoteProc, 1}), 0U);
+    XEL_SchDispatch(sch.Get());
+    xeltest::DropLog();
+    EXPECT_EQ(DelFd(sch.Get(), first.Get()), 0U);
+    XEL_TaskDestroy(turnover.after);
+    ASSERT_EQ(AddFd(sch.Get(), fresh.Get(), {NoteProc, 78}), 0U);
+    (void)HookRecorder::Take();
+    XEL_SchDispatch(sch.Get());
+    const Notes notes = HookRecorder::Take();
+    EXPECT_EQ(std::count(notes.begin(), notes.end(), "run 78"), 1);
+    EXPECT_EQ(DelFd(sch.Get(), fresh.Get()), 0U);
 }
 
 } // namespace

@@ -60,6 +60,14 @@ Function Next(const char* name)
     return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
 }
 
+// What a given-back block leaves in the notes.
+std::string BlockNote(const char* file)
+{
+    std::string note = "block ";
+    note += file;
+    return note;
+}
+
 // Notes what this thread asks for during one call.
 template <typename Body>
 auto Noting(Body&& body)
@@ -110,7 +118,7 @@ void XEL_MemFreeF(void* block, const char* file, uint32_t line, uint32_t flags)
 {
     EXPECT_NE(line, 0U);
     EXPECT_EQ(flags, 0U);
-    Note(g_notes.ends, std::string("block ") + file);
+    Note(g_notes.ends, BlockNote(file));
     static const auto next = Next<decltype(&XEL_MemFreeF)>("XEL_MemFreeF");
     next(block, file, line, flags);
 }
@@ -183,8 +191,7 @@ TEST_F(MqRequests, EventGoesBeforeTheQueueAndTheRecordLast)
     const std::vector<std::string>& ends = g_notes.ends;
     ASSERT_GE(ends.size(), 3U);
     EXPECT_EQ(std::vector<std::string>(ends.end() - 3, ends.end()),
-              (std::vector<std::string>{"block event/xel_event", "queue",
-                                        std::string("block ") + kLightFile}));
+              (std::vector<std::string>{"block event/xel_event", "queue", BlockNote(kLightFile)}));
 }
 
 TEST_F(MqRequests, ServiceAsksForAQueueOfMessages)
@@ -242,7 +249,7 @@ TEST_F(MqRequests, RegistryWrapsTheAllocatorWithItsOwnFile)
     void* block = Noting([] { return ServiceMqMemAlloc(123); });
     EXPECT_EQ(g_notes.blocks, (std::vector<BlockRequest>{{123, kMngFile, 0}}));
     Noting([&] { ServiceMqMemFree(block); });
-    EXPECT_EQ(g_notes.ends, (std::vector<std::string>{std::string("block ") + kMngFile}));
+    EXPECT_EQ(g_notes.ends, (std::vector<std::string>{BlockNote(kMngFile)}));
     Noting([] { ServiceMqMemFree(nullptr); });
     EXPECT_TRUE(g_notes.ends.empty());
 }
