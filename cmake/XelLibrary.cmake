@@ -15,9 +15,9 @@ elseif(XEL_SANITIZE)
     message(FATAL_ERROR "XEL_SANITIZE is empty, address or thread, not ${XEL_SANITIZE}")
 endif()
 if(XEL_SANITIZE)
-    if(XEL_SANITIZE STREQUAL "address" AND CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    if(XEL_SANITIZE STREQUAL "address" AND CMAKE_CXX_COMPILER_ID STREQUAL "Clang" AND NOT XEL_FUZZ)
         # As a shared library, like that of g++: functions that tests put in front of the system's
-        # must still find those of the sanitizer behind them.
+        # must still find those of the sanitizer behind them. The fuzzing engine does not go with it.
         list(APPEND XEL_SANITIZE_FLAGS -shared-libsan)
         execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-runtime-dir
                         OUTPUT_VARIABLE runtime_dir OUTPUT_STRIP_TRAILING_WHITESPACE)
