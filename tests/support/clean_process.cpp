@@ -68,7 +68,12 @@ Footprint Measure()
 
 void WarmUp()
 {
-    std::thread([] {}).join(); // a sanitizer starts a thread of its own beside the first one
+    // A sanitizer starts a thread of its own beside the first one. A joined thread is listed still
+    // for a moment.
+    pid_t tid = 0;
+    std::thread([&tid] { tid = gettid(); }).join();
+    const std::string entry = "/proc/self/task/" + std::to_string(tid);
+    (void)AwaitTrue([&entry] { return access(entry.c_str(), F_OK) != 0; });
     const Fd epoll = Fd::Epoll();
     const Fd event = Fd::Event();
     const Attr attr;

@@ -1,6 +1,6 @@
-// The stand-in library. Registered records are remembered by descriptor under a mutex; everything
-// else is atomic or belongs to the calling thread. Plain arrays, since the containers would bring
-// symbols that keep the library from being unloaded.
+// The stand-in library. Registered records, and the arguments of the last calls, are remembered
+// under a mutex; everything else is atomic or belongs to the calling thread. Plain arrays, since
+// the containers would bring symbols that keep the library from being unloaded.
 #include "stand_in.h"
 
 #include <cerrno>
@@ -21,7 +21,7 @@ thread_local int t_errorNo;
 constexpr int kDescriptors = 4096;
 constexpr int kMostEvents = 4096;
 std::mutex g_mutex;
-Record g_records[kDescriptors]; // guarded by g_mutex
+Record g_records[kDescriptors]; // guarded by g_mutex, as are the last arguments in g_control
 
 // The library's own operation numbers.
 constexpr int kOps[] = {EPOLL_CTL_ADD, EPOLL_CTL_MOD, EPOLL_CTL_DEL};
@@ -54,6 +54,18 @@ void Fill(Record* record, uint32_t events, const Record& registered)
     memcpy(record->bytes + 24, registered.bytes + 24, 8);
 }
 
+void NoteCtl(int epFd, int op, int fd, const Record* record)
+{
+    const std::lock_guard<std::mutex> guard(g_mutex);
+    g_control.lastCtl[0] = epFd;
+    g_control.lastCtl[1] = op;
+    g_control.lastCtl[2] = fd;
+    g_control.lastCtlHadRecord = record != nullptr;
+    if (record != nullptr) {
+        g_control.lastCtlRecord = *record;
+    }
+}
+
 } // namespace
 
 Control* StandIn_Control()
@@ -69,13 +81,7 @@ int MOX_EpollCreate()
 
 int MOX_EpollCtl(int epFd, int op, int fd, Record* record)
 {
-    g_control.lastCtl[0] = epFd;
-    g_control.lastCtl[1] = op;
-    g_control.lastCtl[2] = fd;
-    g_control.lastCtlHadRecord = record != nullptr;
-    if (record != nullptr) {
-        g_control.lastCtlRecord = *record;
-    }
+    NoteCtl(epFd, op, fd, record);
     int result = 0;
     if (Fails(standin::kCtl, &result)) {
         return result;
@@ -105,11 +111,11 @@ int MOX_EpollWait(int epFd, Record* records, int room, int timeoutMs)
     }
     struct epoll_event events[kMostEvents];
     const int ready = epoll_wait(epFd, events, room < kMostEvents ? room : kMostEvents, timeoutMs);
+    const std::lock_guard<std::mutex> guard(g_mutex);
     g_control.lastWait[0] = epFd;
     g_control.lastWait[1] = room;
     g_control.lastWait[2] = timeoutMs;
     g_control.lastWaitBuffer = records;
-    const std::lock_guard<std::mutex> guard(g_mutex);
     for (int i = 0; i < ready; ++i) {
         Fill(&records[i], events[i].events, g_records[events[i].data.fd]);
     }
@@ -127,7 +133,10 @@ int MOX_EpollErrorNoGet()
 
 int MOX_EpollClose(int fd)
 {
-    g_control.lastClosed = fd;
+    {
+        const std::lock_guard<std::mutex> guard(g_mutex);
+        g_control.lastClosed = fd;
+    }
     int result = 0;
     return Fails(standin::kClose, &result) ? result : Answer(close(fd));
 }
