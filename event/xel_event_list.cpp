@@ -111,11 +111,14 @@ u32 EventListDelNode(XelEventNode* node)
         XEL_LOG_FAIL(kEventLog, "event list lock unsuccessfully, errno = %d.", errno);
         return XEL_FAIL;
     }
-    u32 ret = XEL_FAIL;
     if (!EventIsNodeAvailable(node)) {
+        (void)pthread_rwlock_unlock(&g_xelEventList.lock);
         XEL_LOG_FAIL(kEventLog, "event node del eventHandle invalid.");
-    } else if (const u32 magic = node->magic.load(std::memory_order_relaxed);
-               magic != kEventMagic) {
+        return XEL_FAIL;
+    }
+    u32 ret = XEL_FAIL;
+    const u32 magic = node->magic.load(std::memory_order_relaxed);
+    if (magic != kEventMagic) {
         XEL_LOG_FAIL(kEventLog, "Event delete eventHandle magic error. (magic = %#x)", magic);
     } else {
         Unlist(node);

@@ -112,7 +112,11 @@ bool IsBfs(const SchCtrl* sch)
 // Waits. False after a failure, which is counted, logged and slept for.
 bool WaitForEvents(SchCtrl* sch, u32* count)
 {
+    // The room of the buffer, if less: a failed preparation answers -1.
     *count = SchGetMaxEventCnt(sch);
+    if (static_cast<i32>(*count) > static_cast<i32>(sch->epSize)) {
+        *count = sch->epSize;
+    }
     const u32 ret = SchEventsGet(sch, sch->eventBuf, count);
     if (ret == XEL_OK) {
         return true;
@@ -177,6 +181,9 @@ void RunEvents(SchCtrl* sch, const DispatchHook& hook, struct epoll_event* event
         StampTimeOfDay(&record);
         RunProc(sch, hook, callback, &events[i]);
         const u64 end = NowUs();
+        if (record.timestamp.tv_sec == 0) {
+            StampTimeOfDay(&record); // somebody may have registered during the run
+        }
         SchDbgInfoRecordAfterProcess(sch, &record, end, end - record.startTime);
     }
 }
@@ -269,18 +276,15 @@ bool SchIsCtrlValid(SchCtrl* sch)
     return true;
 }
 
-// The request handed to the wait never exceeds the buffer, nor the answer the request: a failed
-// prepare comes as -1 or 0 and is passed on for the wait to refuse.
+// The answer never exceeds the request: a failed prepare comes as -1 or 0 and is passed on for the
+// wait to refuse.
 u32 SchEventsGet(SchCtrl* sch, struct epoll_event* events, u32* count)
 {
     const bool mayBlock =
         (sch->state.load(std::memory_order_relaxed) & kSchMayBlock) != 0 &&
         (sch->policyOps.select != SCH_BfsSelectEvents || BfsMayBlock(sch->policy));
     const i32 timeout = mayBlock ? sch->waitTimeout.load(std::memory_order_relaxed) : 0;
-    auto request = static_cast<i32>(*count);
-    if (request > static_cast<i32>(sch->epSize)) {
-        request = static_cast<i32>(sch->epSize);
-    }
+    const auto request = static_cast<i32>(*count);
     i32 ready =
         sch->epollOps.wait(sch->epFd.load(std::memory_order_relaxed), events, request, timeout);
     if (ready < 0) {

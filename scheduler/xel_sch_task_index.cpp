@@ -39,9 +39,6 @@ void TaskIndexAdd(SchTaskCtrl* task)
 void TaskIndexRemove(SchTaskCtrl* task)
 {
     SchTaskTail* tail = TailOf(task);
-    if (tail->key == 0) {
-        return;
-    }
     const auto fd = static_cast<i32>(tail->key - 1);
     tail->key = 0;
     for (SchTaskCtrl** place = BucketOf(fd); *place != nullptr; place = &TailOf(*place)->next) {

@@ -148,7 +148,8 @@ bool WalkTasks(i32 epFd, FtMatchHook hook)
     if (pthread_rwlock_rdlock(&g_xelTaskRunCtrl.rwlock) < 0) {
         return false;
     }
-    const bool isMatched = FtGetEntryByHook(g_xelTaskRunCtrl.fdTbl, &epFd, hook) != nullptr;
+    const bool isMatched = g_xelTaskRunCtrl.init.load(std::memory_order_acquire) == 1 &&
+                           FtGetEntryByHook(g_xelTaskRunCtrl.fdTbl, &epFd, hook) != nullptr;
     (void)pthread_rwlock_unlock(&g_xelTaskRunCtrl.rwlock);
     return !isMatched;
 }

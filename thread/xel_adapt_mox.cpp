@@ -196,7 +196,7 @@ XelMoxEpollEvent* ThreadMoxEventsPrepare(i32 count)
         g_xelMoxEventsInfo = info;
     } else if (info->capacity >= count) {
         return Cleared(info->buffer, count);
-    } else {
+    } else if (info->buffer != nullptr) {
         XEL_FREE(kMoxLog, info->buffer);
     }
     info->buffer = ThreadMoxEpollEventsCreate(count);

@@ -16,7 +16,8 @@ constexpr u32 kOpCount = 3;
 u32 AddCommonTask(XelSchCommonTask* common, XelTaskAttr* attr, XelTaskProc proc, const char* name)
 {
     const XelTaskUsrCb callback = {proc, reinterpret_cast<u64>(common)};
-    const TaskSettings settings = {callback, common->type, common->prio, name, strlen(name)};
+    const size_t length = name == nullptr ? 0 : strlen(name); // refused in its turn
+    const TaskSettings settings = {callback, common->type, common->prio, name, length};
     const TaskSettingResult result = ApplyTaskSettings(attr, settings);
     if (result.ret != XEL_OK) {
         return result.ret;
@@ -187,6 +188,7 @@ XelThreadCtrl* XEL_ThreadGetCtxHandle(void)
 // The room is compared after a record was filled: even a room of 0 receives one.
 uint32_t THREAD_GetSchDeployInfo(int32_t epFdFilter, XelSchDeployInfo* array, uint32_t* count)
 {
+    const u32 room = *count;
     u32 filled = 0;
     (void)pthread_rwlock_rdlock(&g_xelThreadCtrlMng.lock);
     for (XelLink* link = g_xelThreadCtrlMng.head.next; link != &g_xelThreadCtrlMng.head;
@@ -197,7 +199,7 @@ uint32_t THREAD_GetSchDeployInfo(int32_t epFdFilter, XelSchDeployInfo* array, ui
         }
         FillDeployInfo(ctrl, &array[filled]);
         ++filled;
-        if (epFdFilter >= 0 || filled >= *count) {
+        if (epFdFilter >= 0 || filled >= room) {
             break;
         }
     }

@@ -56,34 +56,26 @@ i32 ArmUnlessEnding(XelTimerNode* node, u32 timeoutMs)
     return ret;
 }
 
-// What of a timer the run works with; the node itself may be gone when the callback returns.
-struct ExpiredTimer {
-    i32 fd;
-    u32 mode;
-    XelTimerProc callback;
-    void* userData;
-};
+enum class Expiry { Run, Nothing, Failed };
 
-// Reads the expiration count. 0 and *count when there is something to run; *count stays 0 when the
-// descriptor had nothing to read.
-u32 ReadExpirations(i32 fd, u64* count)
+// Reads the expiration count.
+Expiry ReadExpirations(i32 fd, u64* count)
 {
     const ssize_t length = read(fd, count, sizeof(*count));
     if (length == static_cast<ssize_t>(sizeof(*count))) {
-        return XEL_OK;
+        return Expiry::Run;
     }
     const int error = errno;
-    *count = 0;
     if (error == EAGAIN || error == EINTR) {
-        return XEL_OK;
+        return Expiry::Nothing;
     }
     XEL_LOG_FAIL(kTimerLog, "Timerfd %d read unsuccessfully. (errno = %d, readCnt = %d)", fd, error,
                  static_cast<int>(length));
-    return XEL_FAIL;
+    return Expiry::Failed;
 }
 
 // Runs the user callback, timed.
-u32 RunTimed(XelTimerNode* node, const ExpiredTimer& timer, u64 expirations)
+u32 RunTimed(XelTimerNode* node, const TimerCall& timer, u64 expirations)
 {
     const u64 start = NowMs();
     const u32 ret = timer.callback(node, expirations, timer.userData);
@@ -181,7 +173,10 @@ XelTimerNode* TimerSchTaskCreate(XelThreadCtrl* thread, const XelTimerAttr* attr
     LinkInit(&node->link);
     node->magic.store(kTimerMagic, std::memory_order_release);
     if (AddToScheduler(thread, node, attr->name) != XEL_OK) {
-        node->fd = -1; // the caller's to close
+        {
+            const TimerWriteGuard guard;
+            node->fd = -1; // the caller's to close
+        }
         TimerDiscardNode(node);
         return nullptr;
     }
@@ -303,9 +298,8 @@ u32 TimerFdEventProc(struct epoll_event* events, u64 data)
 {
     auto* node = reinterpret_cast<XelTimerNode*>(data);
     TimerRun run(node);
-    const u32 magic = run.IsLive() ? node->magic.load(std::memory_order_acquire) : 0;
-    if (magic != kTimerMagic) {
-        XEL_LOG_FAIL(kTimerLog, "Timer proc unsuccessfully, magic:%#x.", magic);
+    if (run.Magic() != kTimerMagic) {
+        XEL_LOG_FAIL(kTimerLog, "Timer proc unsuccessfully, magic:%#x.", run.Magic());
         return XEL_FAIL;
     }
     if (node->destroyPending.load(std::memory_order_seq_cst) == kTimerPending) {
@@ -313,16 +307,14 @@ u32 TimerFdEventProc(struct epoll_event* events, u64 data)
         run.End();
         return XEL_OK;
     }
-    const ExpiredTimer timer = {node->fd, node->mode, node->callback, node->userData};
+    const TimerCall timer = run.Call();
     if ((events->events & EPOLLIN) == 0) {
         return XEL_OK;
     }
     u64 expirations = 0;
-    if (ReadExpirations(timer.fd, &expirations) != XEL_OK) {
-        return XEL_FAIL;
-    }
-    if (expirations == 0) {
-        return XEL_OK;
+    const Expiry expiry = ReadExpirations(timer.fd, &expirations);
+    if (expiry != Expiry::Run) {
+        return expiry == Expiry::Nothing ? XEL_OK : XEL_FAIL;
     }
     const u32 ret = RunTimed(node, timer, expirations);
     if (timer.mode == XEL_TIMER_MODE_ONE_SHOT) {

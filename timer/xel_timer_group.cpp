@@ -83,22 +83,29 @@ u32 AddGroup(u32 groupId)
 
 // Whose user data the node works with: its own, released with it, or the type's, which it must not
 // release.
-void SetOwner(XelTimerNode* node, u32 groupId, u32 typeId, void* userData)
+struct TimerOwner {
+    u32 groupId;
+    u32 typeId;
+    void* userData; // null: the type's
+};
+
+void SetOwner(XelTimerNode* node, const TimerOwner& owner)
 {
-    node->groupId = groupId;
-    node->typeId = typeId;
-    if (userData != nullptr) {
-        node->userData = userData;
+    node->groupId = owner.groupId;
+    node->typeId = owner.typeId;
+    if (owner.userData != nullptr) {
+        node->userData = owner.userData;
     } else {
         node->destructor = nullptr;
     }
 }
 
-// Arms and lists a node under one hold of the timer lock: an expiry in between would not find it.
-// The task of a node that cannot be armed stays behind.
-bool ArmAndList(XelTimerNode* node)
+// Completes, arms and lists a node under one hold of the timer lock: an expiry in between would not
+// find it. The task of a node that cannot be armed stays behind.
+bool ArmAndList(XelTimerNode* node, const TimerOwner& owner)
 {
     const TimerWriteGuard guard;
+    SetOwner(node, owner);
     const i32 ret = TimerSetStartTime(node, node->timeout.load(std::memory_order_relaxed));
     if (ret != 0) {
         XEL_LOG_FAIL(kTimerLog, "Timer start unsuccessfully. (ret = %#x)", static_cast<u32>(ret));
@@ -345,8 +352,7 @@ XelTimerNode* TimerCreateAndStart(u32 groupId, u32 typeId, void* userData)
         XEL_LOG_FAIL(kTimerLog, "Timer node create unsuccessfully.");
         return nullptr;
     }
-    SetOwner(node, groupId, typeId, userData);
-    if (!ArmAndList(node)) {
+    if (!ArmAndList(node, {groupId, typeId, userData})) {
         TimerDiscardNode(node);
         return nullptr;
     }

@@ -54,12 +54,17 @@ XelTimerNode* NodeOf(XelLink* link)
 
 } // namespace
 
-TimerRun::TimerRun(XelTimerNode* node) : node_(node), isLive_(false)
+TimerRun::TimerRun(XelTimerNode* node) : node_(node), isLive_(false), magic_(0), call_()
 {
     const TimerReadGuard guard;
-    if (g_index.Contains(node)) {
-        BlockOf(node)->runs.fetch_add(1, std::memory_order_relaxed);
-        isLive_ = true;
+    if (!g_index.Contains(node)) {
+        return;
+    }
+    BlockOf(node)->runs.fetch_add(1, std::memory_order_relaxed);
+    isLive_ = true;
+    magic_ = node->magic.load(std::memory_order_acquire);
+    if (magic_ == kTimerMagic) {
+        call_ = {node->fd, node->mode, node->callback, node->userData};
     }
 }
 

@@ -21,6 +21,14 @@ public:
     ~TimerWriteGuard() { (void)pthread_rwlock_unlock(&g_xelTimerCtrl.timerLock); }
 };
 
+// What a run needs of its timer: a copy, since the timer may be gone after its callback.
+struct TimerCall {
+    i32 fd;
+    u32 mode;
+    XelTimerProc callback;
+    void* userData;
+};
+
 // One run of a timer on its scheduler thread. A timer that somebody else ends meanwhile is released
 // by the end of the run.
 class TimerRun : NoCopy
@@ -29,13 +37,19 @@ public:
     explicit TimerRun(XelTimerNode* node);
     ~TimerRun() { End(); }
 
-    // False when the timer's memory was gone before the run began; then nothing of it may be read.
-    bool IsLive() const { return isLive_; }
+    // The magic that was found; 0, and nothing of the timer may be read, when its memory was gone
+    // before the run began.
+    u32 Magic() const { return magic_; }
+    // Taken under the lock, for a timer with the right magic: a late run of a freed timer may meet
+    // a new one at its address that is just being set up.
+    const TimerCall& Call() const { return call_; }
     void End();
 
 private:
     XelTimerNode* node_;
     bool isLive_;
+    u32 magic_;
+    TimerCall call_;
 };
 
 // Type data that a timer without user data of its own works with.

@@ -48,6 +48,27 @@ TEST_F(SchTrace, TraceCarriesTheRun)
     EXPECT_LT(g_trace.tvUsec, 1000000U);
 }
 
+// A hook that is registered during a run gets that run's record, with its time of day.
+TEST_F(SchTrace, HookRegisteredDuringARunSeesTheTimeOfDay)
+{
+    static const SchDbgHookTable table{
+        nullptr, nullptr, nullptr, nullptr,
+        [](u32 /*epFd*/, const SchDbgTaskTrace* trace) { g_trace = *trace; }};
+    TestSch sch(Policy::None);
+    const XelTaskProc registering = [](struct epoll_event* /*event*/, u64 /*data*/) {
+        SCH_RegisterDbgHookTable(&table);
+        return 0U;
+    };
+    const ReadyTask task(sch.Get(), {registering});
+    g_trace = {};
+    const u64 before = Seconds();
+    XEL_SchDispatch(sch.Get());
+    SCH_DeregisterDbgHookTable();
+    EXPECT_EQ(g_trace.fd, task.U32());
+    EXPECT_GE(g_trace.tvSec, before);
+    EXPECT_LE(g_trace.tvSec, Seconds());
+}
+
 // The clock is read twice around each callback, and nothing else lies between.
 TEST_F(SchTrace, EachRunReadsTheClockTwice)
 {
@@ -126,8 +147,13 @@ TEST_F(SchTrace, EventsGetAnswersOnItsOwn)
 {
     EpollProbe probe;
     TestSch sch(probe.Ops(), nullptr);
+    struct epoll_event room[64] = {};
+    u32 count = 64; // the caller's room, whatever the scheduler's own is
+    probe.onWait = [](const EpollProbe::Wait&) { return 0; };
+    EXPECT_EQ(SchEventsGet(sch.Get(), room, &count), 0U);
+    EXPECT_EQ(probe.TakeWaits().at(0).maxEvents, 64);
     struct epoll_event events[4] = {};
-    u32 count = 4;
+    count = 4;
     probe.onWait = [](const EpollProbe::Wait& wait) { return wait.maxEvents - 1; };
     EXPECT_EQ(SchEventsGet(sch.Get(), events, &count), 0U);
     EXPECT_EQ(count, 3U);

@@ -223,6 +223,21 @@ TEST_F(TaskTest, TwoTasksOfOneDescriptorAreFoundOldestFirst)
     EXPECT_NO_LOG();
 }
 
+// The operation behind the public one does not look at the descriptor either.
+TEST_F(TaskTest, TaskOfANegativeDescriptorLeavesTheTable)
+{
+    const Attr attr;
+    for (int round = 0; round < 3; ++round) {
+        SchTaskCtrl* task = SchTaskCreate(-1, attr.Get());
+        ASSERT_NE(task, nullptr);
+        EXPECT_EQ(SchTaskGetHandleByAppFd(-1), task);
+        SchTaskDestroy(task);
+        EXPECT_EQ(SchTaskGetHandleByAppFd(-1), nullptr);
+        EXPECT_EQ(SchTaskGetHandleByAppFd(65535), nullptr);
+    }
+    EXPECT_NO_LOG();
+}
+
 TEST_F(TaskTest, FailedStepsOfCreationLeaveNothingBehind)
 {
     const Attr attr;

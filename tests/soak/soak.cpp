@@ -88,6 +88,20 @@ Footprint Measure()
             CountEntries("/proc/self/task")};
 }
 
+// Threads that have ended, joined or not, are counted still for a moment.
+Footprint MeasureAtRest()
+{
+    Footprint last = Measure();
+    for (;;) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        const Footprint now = Measure();
+        if (now == last) {
+            return now;
+        }
+        last = now;
+    }
+}
+
 // The tables that the first use makes stay for the life of the process.
 void WarmUp()
 {
@@ -163,7 +177,7 @@ int Run(u64 seconds, u64 seed)
 {
     LOG_SetSink(CountLine, nullptr);
     WarmUp();
-    const Footprint before = Measure();
+    const Footprint before = MeasureAtRest();
     for (u32 i = 0; i < kSharedThreads; ++i) {
         const bool isLast = i + 1 == kSharedThreads;
         g_threads[i] = StartThread("shared", isLast ? XEL_SCH_POLICY_NONE : XEL_SCH_POLICY_BFS);

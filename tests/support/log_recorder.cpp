@@ -21,6 +21,7 @@ namespace
 struct Recorder {
     std::mutex mutex;
     std::vector<LogLine> lines;
+    std::function<void()> atNext;
 };
 
 Recorder& TheRecorder()
@@ -81,6 +82,13 @@ std::vector<std::string> TakeTexts()
         texts.push_back(std::move(line.text));
     }
     return texts;
+}
+
+void RunAtNextLine(std::function<void()> body)
+{
+    Recorder& recorder = TheRecorder();
+    const std::lock_guard<std::mutex> guard(recorder.mutex);
+    recorder.atNext = std::move(body);
 }
 
 void DropLog()
@@ -150,7 +158,15 @@ uint32_t LOG_InnerPrint(uint32_t logId, const char* file, uint32_t fileNo, const
     std::string text = xeltest::FormatText(format, arguments);
     va_end(arguments);
     xeltest::Recorder& recorder = xeltest::TheRecorder();
-    const std::lock_guard<std::mutex> guard(recorder.mutex);
-    recorder.lines.push_back({logId, file, fileNo, func, component, line, level, std::move(text)});
+    std::function<void()> atThis;
+    {
+        const std::lock_guard<std::mutex> guard(recorder.mutex);
+        recorder.lines.push_back(
+            {logId, file, fileNo, func, component, line, level, std::move(text)});
+        atThis = std::exchange(recorder.atNext, nullptr);
+    }
+    if (atThis) {
+        atThis();
+    }
     return 0;
 }

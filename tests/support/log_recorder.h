@@ -2,6 +2,7 @@
 #ifndef XEL_TESTS_SUPPORT_LOG_RECORDER_H
 #define XEL_TESTS_SUPPORT_LOG_RECORDER_H
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -30,6 +31,8 @@ std::vector<LogLine> TakeLog();
 std::vector<std::string> TakeTexts();
 // Forgets everything recorded so far; for tests whose number of lines is a matter of luck.
 void DropLog();
+// Runs body once within the next call of the log service, on the thread that logs.
+void RunAtNextLine(std::function<void()> body);
 // Lines recorded and not taken yet, and how many of them have this text.
 size_t LogCount();
 size_t LogCount(const std::string& text);

@@ -222,6 +222,8 @@ TEST_F(ThreadCommonTask, AttributesAreSetInOrder)
     XelSchCommonTask common{fd.U32(), worker.Get(), 33, 4};
     EXPECT_EQ(SchCommonOperationTask(&common, nullptr, longName, 0), 22U);
     EXPECT_LOG(kTaskSource, "scheduler set callback unsuccessfully, proc null.");
+    EXPECT_EQ(SchCommonOperationTask(&common, nullptr, nullptr, 0), 22U);
+    EXPECT_LOG(kTaskSource, "scheduler set callback unsuccessfully, proc null.");
     EXPECT_EQ(SchCommonOperationTask(&common, CommonProc, longName, 0), 22U);
     EXPECT_LOG(kTaskSource, "scheduler set type unsuccessfully, type invalid.");
     common.type = 3;

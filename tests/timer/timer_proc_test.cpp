@@ -177,6 +177,17 @@ TEST_F(TimerProc, NothingToReadIsSilent)
     EXPECT_NO_LOG();
 }
 
+// A platform's own read may answer so; the kernel's timer never does.
+TEST_F(TimerProc, CountOfZeroThatWasReadIsARun)
+{
+    XelTimerNode* timer = Make(XEL_TIMER_MODE_ONE_SHOT);
+    FailNth(Call::Read, 1, 8, 0);
+    EXPECT_EQ(Proc(timer), 0U);
+    EXPECT_EQ(probe_.runs.load(), 1);
+    EXPECT_FALSE(IsListed(timer));
+    EXPECT_NO_LOG();
+}
+
 TEST_F(TimerProc, FailedReadIsLogged)
 {
     XelTimerNode* timer = Make(XEL_TIMER_MODE_ONE_SHOT);

@@ -29,6 +29,27 @@ protected:
     Gate gate_;
 };
 
+// A run of a freed timer that comes late may meet a new timer at the same address, which is just
+// being made: it finds nothing to read, and looks at nothing that is still written.
+TEST_F(TimerTypeRuns, LateRunMeetsATimerThatIsJustBeingMade)
+{
+    EXPECT_EQ(AddType(&typeData_, XEL_TIMER_MODE_PERIODIC, 60000), 0U);
+    std::thread late;
+    RunAtNth(Call::EpollCtl, 1, [&late, fd = NextFd()] {
+        const u64 node = SchTaskGetHandleByAppFd(fd)->data;
+        late = std::thread([node] {
+            struct epoll_event event = {};
+            event.events = EPOLLIN;
+            EXPECT_EQ(TimerFdEventProc(&event, node), 0U);
+        });
+    });
+    EXPECT_NE(XEL_TimerCreateAndStart(kGroup, kType, &own_), nullptr);
+    ASSERT_TRUE(late.joinable());
+    late.join();
+    EXPECT_EQ(own_.runs.load(), 0);
+    EXPECT_NO_LOG();
+}
+
 TEST_F(TimerTypeRuns, GroupEndsWhileACallbackRuns)
 {
     XelTimerNode* timer = MakeRunning(true);
