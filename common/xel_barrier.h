@@ -1,4 +1,4 @@
-// Full memory barriers, and where they cost nothing.
+// Full memory barriers, and where they cost nothing; the pause of a short waiting loop.
 #ifndef XEL_COMMON_BARRIER_H
 #define XEL_COMMON_BARRIER_H
 
@@ -50,6 +50,16 @@ inline void StoreWithBarrier(u32& word, u32 value) noexcept
     ref.store(value, std::memory_order_release);
 #endif
     FullBarrierAfterRmw();
+}
+
+// Tells the processor that this is a waiting loop.
+inline void CpuRelax() noexcept
+{
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#elif defined(__aarch64__)
+    __asm__ volatile("yield");
+#endif
 }
 
 #endif // XEL_COMMON_BARRIER_H

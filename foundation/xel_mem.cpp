@@ -12,12 +12,34 @@
 namespace
 {
 
+// Counts of a few threads. A message is often allocated on one processor and freed on another: with
+// one set of counters its cache line would travel twice for each. Only the sums over all mean
+// something; bytes may go below zero in one part and wraps.
+//
 // Live blocks are the difference of the two counts, which keeps each path at two additions. The
 // count of freed blocks is added to with release and read with acquire, so that a reader who counts
 // a block as freed counts it as allocated too; everything else is relaxed.
-constinit std::atomic<u64> g_xelMemAllocated{0};
-constinit std::atomic<u64> g_xelMemFreed{0};
-constinit std::atomic<u64> g_xelMemBytes{0};
+struct alignas(64) Counts {
+    std::atomic<u64> allocated;
+    std::atomic<u64> freed;
+    std::atomic<u64> bytes;
+};
+
+constexpr u32 kParts = 16;
+
+constinit Counts g_xelMemCounts[kParts] = {};
+constinit std::atomic<u32> g_xelMemThreads{0};
+constinit thread_local Counts* t_xelMemCounts = nullptr;
+
+// The calling thread's part; threads take them in turns.
+Counts& Part()
+{
+    if (t_xelMemCounts == nullptr) {
+        const u32 number = g_xelMemThreads.fetch_add(1, std::memory_order_relaxed);
+        t_xelMemCounts = &g_xelMemCounts[number % kParts];
+    }
+    return *t_xelMemCounts;
+}
 
 } // namespace
 
@@ -27,8 +49,9 @@ void* XEL_MemAllocF(size_t size, const char*, uint32_t, uint32_t)
     if (block == nullptr) {
         return nullptr;
     }
-    g_xelMemAllocated.fetch_add(1, std::memory_order_relaxed);
-    g_xelMemBytes.fetch_add(malloc_usable_size(block), std::memory_order_relaxed);
+    Counts& part = Part();
+    part.allocated.fetch_add(1, std::memory_order_relaxed);
+    part.bytes.fetch_add(malloc_usable_size(block), std::memory_order_relaxed);
     return block;
 }
 
@@ -37,8 +60,9 @@ void XEL_MemFreeF(void* ptr, const char*, uint32_t, uint32_t)
     if (ptr == nullptr) {
         return;
     }
-    g_xelMemBytes.fetch_sub(malloc_usable_size(ptr), std::memory_order_relaxed);
-    g_xelMemFreed.fetch_add(1, std::memory_order_release);
+    Counts& part = Part();
+    part.bytes.fetch_sub(malloc_usable_size(ptr), std::memory_order_relaxed);
+    part.freed.fetch_add(1, std::memory_order_release);
     free(ptr);
 }
 
@@ -48,8 +72,14 @@ void XEL_MemGetUsage(XelMemUsage* usage)
         return;
     }
     // In this order: blocks that come and go meanwhile must not make the difference negative.
-    const u64 freed = g_xelMemFreed.load(std::memory_order_acquire);
-    usage->totalBlocks = g_xelMemAllocated.load(std::memory_order_relaxed);
+    u64 freed = 0;
+    for (const Counts& part : g_xelMemCounts) {
+        freed += part.freed.load(std::memory_order_acquire);
+    }
+    *usage = {};
+    for (const Counts& part : g_xelMemCounts) {
+        usage->totalBlocks += part.allocated.load(std::memory_order_relaxed);
+        usage->bytes += part.bytes.load(std::memory_order_relaxed);
+    }
     usage->blocks = usage->totalBlocks - freed;
-    usage->bytes = g_xelMemBytes.load(std::memory_order_relaxed);
 }

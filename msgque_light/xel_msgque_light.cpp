@@ -3,8 +3,12 @@
 // that elements and wake-ups are paired one to one and in order.
 #include "msgque_light/xel_msgque_light_inner.h"
 
+#include <atomic>
+
 #include <pthread.h>
 
+#include "common/xel_barrier.h"
+#include "common/xel_lock_guard.h"
 #include "common/xel_memory.h"
 #include "xel_queue.h"
 
@@ -13,10 +17,50 @@ namespace
 
 constexpr u32 kQueueMode = 8;
 
+// A writer keeps the mutex through its notification, a system call that wakes the consumer, who
+// wants the mutex at once. Falling asleep for the rest of that call costs both sides several times
+// its length. So whoever comes looks first whether a notification is under way, and gives it a
+// moment. The marks are hints: queues share them, and one that is lost costs a sleep.
+constexpr u32 kMarkCount = 64;
+constexpr u32 kLooks = 50;
+
+struct alignas(64) Mark {
+    std::atomic<u32> isNotifying;
+};
+
+constinit Mark g_marks[kMarkCount] = {};
+
+std::atomic<u32>& MarkOf(const XelLightMq* queue)
+{
+    return g_marks[reinterpret_cast<uintptr_t>(queue) / alignof(Mark) % kMarkCount].isNotifying;
+}
+
+void AwaitNotification(const XelLightMq* queue)
+{
+    const std::atomic<u32>& mark = MarkOf(queue);
+    for (u32 i = 0; i < kLooks && mark.load(std::memory_order_relaxed) != 0; ++i) {
+        CpuRelax();
+    }
+}
+
+// One notification under the mutex; lives until the mutex has been given back.
+class Notifying : NoCopy
+{
+public:
+    explicit Notifying(const XelLightMq* queue) : mark_(MarkOf(queue)) {}
+    ~Notifying() { mark_.store(0, std::memory_order_relaxed); }
+
+    void Begin() { mark_.store(1, std::memory_order_relaxed); }
+
+private:
+    std::atomic<u32>& mark_;
+};
+
 // Takes the mutex and reports a failure. errno and result are one here: a pthread function returns
 // its error number.
 bool Lock(XelLightMq* queue)
 {
+    AwaitNotification(queue);
     const int error = pthread_mutex_lock(&queue->mutex);
     if (error != 0) {
         XEL_LOG_FAIL(kLightMqLog, "[CONN] Mutex lock unsuccessfully. (errno = %d)", error);
@@ -128,7 +172,11 @@ uint32_t XelLightMqWrite(XelLightMq* queue, const void* element)
 u32 LightMqWriteNoting(XelLightMq* queue, const void* element, bool* isQueued)
 {
     *isQueued = false;
-    return UnderStrictLock(queue, [&] { return EnqueueAndNotify(queue, element, isQueued); });
+    Notifying notifying(queue);
+    return UnderStrictLock(queue, [&] {
+        notifying.Begin();
+        return EnqueueAndNotify(queue, element, isQueued);
+    });
 }
 
 uint32_t XelLightMqRead(XelLightMq* queue, void* buffer)
