@@ -95,6 +95,28 @@ TEST(Mem, CountersAreExactAfterManyThreads)
     EXPECT_EQ(Usage().totalBlocks, before.totalBlocks + kThreads * kRounds);
 }
 
+// Threads count in parts of their own, more threads than parts: only the sums have to be right.
+TEST(Mem, BlocksFreedByOtherThreadsAreCountedOnce)
+{
+    constexpr size_t kThreads = 40;
+    const XelMemUsage before = Usage();
+    std::vector<void*> blocks(kThreads);
+    size_t bytes = 0;
+    for (void*& block : blocks) {
+        std::thread([&block] { block = XEL_MemAllocF(100, "file", 1, 0); }).join();
+        ASSERT_NE(block, nullptr);
+        bytes += malloc_usable_size(block);
+    }
+    EXPECT_EQ(Usage().blocks, before.blocks + kThreads);
+    EXPECT_EQ(Usage().bytes, before.bytes + bytes);
+    for (void* block : blocks) {
+        XEL_MemFreeF(block, "file", 2, 0);
+    }
+    EXPECT_EQ(Usage().blocks, before.blocks);
+    EXPECT_EQ(Usage().bytes, before.bytes);
+    EXPECT_EQ(Usage().totalBlocks, before.totalBlocks + kThreads);
+}
+
 TEST(Mem, NullUsageDoesNothing)
 {
     const XelMemUsage before = Usage();
