@@ -17,7 +17,7 @@ constexpr u32 kUnitPrice = 3;
 constexpr u32 kBackDepth = 1024;
 constexpr u32 kSampleMs = 20;
 constexpr u32 kAsideBeyondMs = 100; // how much longer than the time-out a slow call takes
-constexpr auto kFarewell = std::chrono::milliseconds(500); // for clients to read what is left
+constexpr auto kFarewell = std::chrono::seconds(2); // for clients to read what is left
 constexpr auto kLongestEnd = std::chrono::seconds(5);
 
 } // namespace

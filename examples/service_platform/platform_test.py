@@ -28,6 +28,9 @@ COLUMNS = {
     "clients": ["asked", "200", "503", "504", "p50 us", "p99 us", "max us"],
 }
 HEADERS = {" ".join([title, *columns]): title for title, columns in COLUMNS.items()}
+# What the library says, rightly, of a callback that a busy machine has held up for 400 ms.
+SLOW_RUN = re.compile(r"^.* (?:(?:Eventfd|Timer) proc timeout|Proc time timeout|"
+                      r"fd:\d+, procFunc:.*, procTime:\d{6,}, eventLeft:).*\n", re.MULTILINE)
 ONE_SHOT = ("request", "expiry", "set aside")
 
 
@@ -116,7 +119,7 @@ class ServicePlatform(unittest.TestCase):
     def finish(self, log=""):
         """The table of a run that has ended well. log: what standard error must look like."""
         status, out, errors = self.platform.wait()
-        self.assertRegex(errors, f"\\A{log}\\Z")
+        self.assertRegex(SLOW_RUN.sub("", errors), f"\\A{log}\\Z")
         self.assertEqual(status, 0, out)
         self.assertTrue(out.endswith("accounts: closed\n"), out)
         table = Table(out)
@@ -207,18 +210,20 @@ class ServicePlatform(unittest.TestCase):
     # The built-in load
 
     def test_ADemoRunClosesAllAccounts(self):
-        self.start("--demo", "--seconds", "0.4")
+        self.start("--demo", "--seconds", "0.4", "--timeout-ms", "400")
         table = self.finish()
         self.check_clients(table)
         self.assertGreater(table.clients["bulk"]["200"], 0)
         self.assertGreater(table.clients["slow"]["504"], 0)
         self.assertEqual(table.clients["admin"]["200"], table.questions)
         self.assertGreater(table.timer["sample"]["fired"], 0)
-        self.assertGreater(table.late, 0)
+        # The answer of a call that has timed out comes too late, or never when the stop is faster.
+        self.assertEqual(table.late + table.dropped, table.timed_out)
 
     def test_AnOverloadedSessionRefusesAndCounts(self):
         # Slower and with less room than by default, so that a busy machine overloads it as well.
-        self.start("--overload", "--seconds", "0.4", "--work-us", "6000", "--depth", "8")
+        self.start("--overload", "--seconds", "0.4", "--work-us", "20000", "--depth", "8",
+                   "--timeout-ms", "1000")
         table = self.finish()
         self.check_clients(table)
         session = table.service["session"]
@@ -238,7 +243,7 @@ class ServicePlatform(unittest.TestCase):
     # Real clients
 
     def test_AStopInTheMidstOfRequestsAnswersEachOnce(self):
-        self.start("--work-us", "2000", "--timeout-ms", "600", "--patience-ms", "10000",
+        self.start("--work-us", "2000", "--timeout-ms", "1200", "--patience-ms", "10000",
                    "--expiry-ms", "60000")
         with contextlib.ExitStack() as stack:
             calls = [stack.enter_context(self.raw(f"/call/{i}")) for i in range(40)]
@@ -254,7 +259,7 @@ class ServicePlatform(unittest.TestCase):
         self.assertEqual((table.opened, table.dropped + table.late), (40, 5))
 
     def test_AStopWithoutPatienceRefusesAndCountsWhatItLeaves(self):
-        self.start("--work-us", "20000", "--timeout-ms", "20000", "--patience-ms", "0")
+        self.start("--work-us", "100000", "--timeout-ms", "20000", "--patience-ms", "0")
         with contextlib.ExitStack() as stack:
             clients = [stack.enter_context(self.raw(f"/call/{i}")) for i in range(60)]
             questions = self.wait_for_calls(60)
@@ -267,7 +272,7 @@ class ServicePlatform(unittest.TestCase):
         self.assertGreater(table.service["session"]["left"], 0)
 
     def test_AdministrationOvertakesWhatWaits(self):
-        self.start("--work-us", "20000", "--timeout-ms", "20000")
+        self.start("--work-us", "40000", "--timeout-ms", "20000")
         with contextlib.ExitStack() as stack:
             clients = [stack.enter_context(self.raw(f"/call/{i}")) for i in range(40)]
             questions = self.wait_for_calls(40)
@@ -280,7 +285,7 @@ class ServicePlatform(unittest.TestCase):
         self.assertGreaterEqual(table.most_overtaken, state["waiting"])
 
     def test_AFullQueueRefusesWith503(self):
-        self.start("--work-us", "20000", "--timeout-ms", "20000", "--depth", "4")
+        self.start("--work-us", "50000", "--timeout-ms", "20000", "--depth", "4")
         with contextlib.ExitStack() as stack:
             clients = [stack.enter_context(self.raw(f"/call/{i}")) for i in range(30)]
             seen = collections.Counter(self.status_of(client) for client in clients)
@@ -306,21 +311,24 @@ class ServicePlatform(unittest.TestCase):
         self.assertEqual(table.timer["set aside"]["fired"], 1)
 
     def test_AClientThatLeavesIsCounted(self):
-        self.start("--work-us", "40000", "--timeout-ms", "20000")
+        self.start("--work-us", "100000", "--timeout-ms", "20000")
         with contextlib.ExitStack() as stack:
-            clients = [stack.enter_context(self.raw(f"/call/{i}")) for i in range(20)]
-            self.wait_for_calls(20)
-            for client in clients[10:]:
+            staying = [stack.enter_context(self.raw(f"/call/{i}")) for i in range(12)]
+            self.wait_for_calls(12)
+            # Behind more than a second of work, so that none is answered before it leaves.
+            leaving = [stack.enter_context(self.raw(f"/call/{i}")) for i in range(12, 16)]
+            self.wait_for_calls(16)
+            for client in leaving:
                 client.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, b"\1\0\0\0\0\0\0\0")
                 client.close()
-            self.assertEqual([self.status_of(client) for client in clients[:10]], [200] * 10)
+            self.assertEqual([self.status_of(client) for client in staying], [200] * 12)
         self.platform.stop()
         table = self.finish()
-        self.assertEqual(table.gone, 10)
-        self.assertEqual(table.late, 10)
+        self.assertEqual(table.gone, 4)
+        self.assertEqual(table.late, 4)
 
     def test_IdleSessionsExpire(self):
-        self.start("--expiry-ms", "60")
+        self.start("--expiry-ms", "60", "--timeout-ms", "20000")
         for i in range(5):
             self.assertEqual(self.get(f"/call/{i}"), (200, "done\n"))
         for _ in range(10000):
@@ -334,7 +342,7 @@ class ServicePlatform(unittest.TestCase):
         self.assertEqual(table.audited_calls, 6)
 
     def test_TooManySessionsAreRefused(self):
-        self.start("--expiry-ms", "60000")
+        self.start("--expiry-ms", "60000", "--timeout-ms", "20000")
         connection = http.client.HTTPConnection("127.0.0.1", self.platform.port, timeout=LIMIT_S)
         seen = collections.Counter()
         with contextlib.closing(connection):
@@ -349,7 +357,7 @@ class ServicePlatform(unittest.TestCase):
         self.assertEqual((table.opened, table.ended, table.refused), (256, 256, 4))
 
     def test_IdleClientsAreClosed(self):
-        self.start("--idle-ms", "400")
+        self.start("--idle-ms", "400", "--timeout-ms", "20000")
         with self.raw("/call/1") as client, \
                 socket.create_connection(("127.0.0.1", self.platform.port), LIMIT_S) as silent:
             self.assertEqual(self.status_of(client), 200)
@@ -371,7 +379,7 @@ class ServicePlatform(unittest.TestCase):
         self.assertEqual((table.malformed, table.requests), (9, 0))
 
     def test_APipelineIsAnsweredInOrder(self):
-        self.start()
+        self.start("--timeout-ms", "20000")
         targets = ["/call/1", "/admin/status", "/nothing"] * 20
         with socket.create_connection(("127.0.0.1", self.platform.port), LIMIT_S) as client:
             client.sendall("".join(f"GET {target} HTTP/1.1\r\nHost: x\r\n\r\n"
