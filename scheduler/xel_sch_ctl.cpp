@@ -5,6 +5,7 @@
 
 #include "common/xel_memory.h"
 #include "scheduler/xel_sch_dbg_inner.h"
+#include "scheduler/xel_sch_task_bind.h"
 #include "scheduler/xel_sch_task_watch.h"
 #include "scheduler/xel_scheduler_inner.h"
 
@@ -60,7 +61,7 @@ uint32_t XEL_TaskAdd(SchCtrl* sch, SchTaskCtrl* task)
     if (SchTaskGetDbgInfoByTaskHandle(task, &record) != XEL_OK) {
         return XEL_EINVAL;
     }
-    const u32 ret = SchTaskAddScheduler(task, policy);
+    const u32 ret = TaskBind(task, policy, EpFdOf(sch));
     if (ret == XEL_OK) {
         SchDbgInsertTaskInfo(&record);
     }

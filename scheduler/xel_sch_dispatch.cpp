@@ -162,14 +162,14 @@ void SetMayBlock(SchCtrl* sch, bool mayBlock)
 // The record is cleared once per cycle, so the trace of the first event carries eventLeft 0 and
 // each later one the value taken after the event before it.
 void RunEvents(SchCtrl* sch, const DispatchHook& hook, struct epoll_event* events, i32 n,
-               bool isUnitKnown)
+               const SchBatch& batch)
 {
-    const SchBatch batch = SchTaskBatch(isUnitKnown);
     SchTaskTraceInfo record;
     record.eventLeft = 0;
     for (i32 i = 0; i < n; ++i) {
         XelTaskUsrCb callback = {};
-        if (SchTaskBeginRun(TaskOf(events[i]), batch, &callback, &record) != XEL_OK) {
+        if (SchTaskBeginRun(TaskOf(events[i]), batch, events[i].events, &callback, &record) !=
+            XEL_OK) {
             SchDbgAddErrStat(EpFdOf(sch), SCH_ERR_INVALID_TASK);
             XEL_LOG_FAIL(kSchLog, "Event process, invalid task-ctrl.");
             continue;
@@ -202,13 +202,15 @@ CycleEnd RunCycle(SchCtrl* sch, u64 context, SchDispatchHook hook)
                      0);
         return CycleEnd::SleepDue;
     }
+    const u32 oldest = SchNewestTask();
     u32 count = 0;
     struct epoll_event* run = nullptr;
     if (!WaitForEvents(sch, &count) || !ApplyPolicy(sch, &run, &count)) {
         return CycleEnd::Done;
     }
     SetMayBlock(sch, count == 0);
-    RunEvents(sch, DispatchHook{context, hook}, run, static_cast<i32>(count), IsBfs(sch));
+    RunEvents(sch, DispatchHook{context, hook}, run, static_cast<i32>(count),
+              SchBatch{IsBfs(sch), static_cast<i32>(EpFdOf(sch)), oldest, SchNewestTask()});
     return CycleEnd::Done;
 }
 
@@ -307,7 +309,9 @@ u32 SchEventsGet(SchCtrl* sch, struct epoll_event* events, u32* count)
 void SchEventsProcess(SchCtrl* sch, u64 context, SchDispatchHook hook, struct epoll_event* events,
                       i32 n)
 {
-    RunEvents(sch, DispatchHook{context, hook}, events, n, false);
+    const u32 newest = SchNewestTask();
+    RunEvents(sch, DispatchHook{context, hook}, events, n,
+              SchBatch{false, static_cast<i32>(EpFdOf(sch)), newest, newest});
 }
 
 // The two steps around a run as a diagnostics component may call them.

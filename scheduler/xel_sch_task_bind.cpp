@@ -26,6 +26,11 @@ bool IsAlive(const SchTaskCtrl* task)
 // A second binding to the same handle is recorded as a second one.
 u32 SchTaskAddScheduler(SchTaskCtrl* task, void* sch)
 {
+    return TaskBind(task, sch, kSeveralEpFds);
+}
+
+u32 TaskBind(SchTaskCtrl* task, void* sch, i32 epFd)
+{
     if (!IsAlive(task)) {
         return XEL_FAIL;
     }
@@ -40,6 +45,7 @@ u32 SchTaskAddScheduler(SchTaskCtrl* task, void* sch)
     }
     // Bound anew, the registration may be the application's.
     TaskWatchEndLocked(task);
+    TailOf(task)->epFd = task->schCount == 0 ? epFd : kSeveralEpFds;
     XelSllInitAndAdd(&task->schList, node, sch);
     return XEL_OK;
 }
@@ -72,6 +78,12 @@ bool TaskIsBound(const SchTaskCtrl* task, const void* sch)
         }
     }
     return false;
+}
+
+bool TaskMayRunOn(SchTaskCtrl* task, i32 epFd)
+{
+    const i32 boundTo = TailOf(task)->epFd;
+    return boundTo == kSeveralEpFds || boundTo == epFd;
 }
 
 void TaskReleaseBindings(SchTaskCtrl* task)

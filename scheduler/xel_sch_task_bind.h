@@ -8,6 +8,12 @@
 // True when the task is bound to sch.
 bool TaskIsBound(const SchTaskCtrl* task, const void* sch);
 
+// SchTaskAddScheduler for the scheduler of an epoll descriptor, which is noted.
+u32 TaskBind(SchTaskCtrl* task, void* sch, i32 epFd);
+
+// False when the task, which is bound, is known not to be bound to the scheduler of epFd.
+bool TaskMayRunOn(SchTaskCtrl* task, i32 epFd);
+
 // Forgets every binding and frees the nodes.
 void TaskReleaseBindings(SchTaskCtrl* task);
 

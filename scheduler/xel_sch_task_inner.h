@@ -73,10 +73,12 @@ inline u32 TaskMagicOf(const SchTaskCtrl* task)
 constexpr size_t kTaskUnitSize = 128;
 
 // Behind the record in its unit: what the library keeps beside the record's own fields.
+constexpr i32 kSeveralEpFds = -1; // or one that is not known
+
 struct SchTaskTail {
     SchTaskCtrl* next; // in its bucket of the descriptor index; under the table lock
     u32 key;           // descriptor + 1 while in the index, else 0; under the table lock
-    i32 epFd;          // where the descriptor is registered; under the task's lock
+    i32 epFd;          // of the scheduler it was bound to, or kSeveralEpFds; under the task's lock
 };
 static_assert(sizeof(SchTaskCtrl) + sizeof(SchTaskTail) <= kTaskUnitSize);
 static_assert(sizeof(SchTaskCtrl) % alignof(SchTaskTail) == 0);
@@ -171,19 +173,24 @@ u32 SchTaskTakeEvent(SchTaskCtrl* task, u32 version, struct epoll_event* event, 
 
 // What is known of the tasks of a batch of events before its first callback runs.
 struct SchBatch {
-    bool isUnitKnown; // the handles were found to be units of the table: the magic tells the rest
-    u32 newest;       // version of the task created last
+    bool isChecked; // by the library's policy: the handles are units, and bound where they run
+    i32 epFd;       // of the scheduler that runs them
+    u32 oldest;     // version of the task created last before the wait for them
+    u32 newest;     // and before the first callback
 };
 
-inline SchBatch SchTaskBatch(bool isUnitKnown)
+inline u32 SchNewestTask()
 {
-    return {isUnitKnown, g_xelTaskRunCtrl.taskVer.load(std::memory_order_relaxed)};
+    return g_xelTaskRunCtrl.taskVer.load(std::memory_order_relaxed);
 }
 
 // What a run begins with, under one hold of the task's lock: the callback with its data, and the
-// task's share of the run's record but for the time of day. 0, or 0xFFFFFFFF (logged). A task
-// younger than its batch is refused: it took the unit of one that was destroyed since.
-u32 SchTaskBeginRun(SchTaskCtrl* task, const SchBatch& batch, XelTaskUsrCb* callback,
+// task's share of the run's record but for the time of day. 0, or 0xFFFFFFFF (logged).
+//
+// The task that was reported may have been destroyed since, and another one have taken its unit.
+// One that is younger than the batch is refused. One that was created while the wait stood may be
+// meant: it is refused if it is bound elsewhere, or bound nowhere and not ready for these events.
+u32 SchTaskBeginRun(SchTaskCtrl* task, const SchBatch& batch, u32 events, XelTaskUsrCb* callback,
                     SchTaskTraceInfo* trace);
 
 // An event of the task is dropped unrun: clears the pending mask when the version is still the

@@ -37,6 +37,21 @@ bool IsLive(const SchTaskCtrl* task, bool isUnitKnown)
     return (isUnitKnown && TaskMagicOf(task) == kTaskMagic) || SchTaskCtrlIsValid(task);
 }
 
+bool IsYounger(const SchTaskCtrl* task, u32 version)
+{
+    return static_cast<i32>(task->version - version) > 0;
+}
+
+// Whether events that were reported after the task was created can be its own.
+bool IsMeant(SchTaskCtrl* task, const SchBatch& batch, u32 events)
+{
+    if (IsYounger(task, batch.newest)) {
+        return false;
+    }
+    return batch.isChecked || (task->schCount == 0 ? TaskReadiness(task->fd, events) != 0
+                                                   : TaskMayRunOn(task, batch.epFd));
+}
+
 // The pending mask is taken under the read hold: an exchange, since two may take at once.
 u32 TakePending(SchTaskCtrl* task, bool isUnitKnown, u32 version, struct epoll_event* event)
 {
@@ -150,10 +165,10 @@ void SchTaskDropEvent(SchTaskCtrl* task, u32 version)
     }
 }
 
-u32 SchTaskBeginRun(SchTaskCtrl* task, const SchBatch& batch, XelTaskUsrCb* callback,
+u32 SchTaskBeginRun(SchTaskCtrl* task, const SchBatch& batch, u32 events, XelTaskUsrCb* callback,
                     SchTaskTraceInfo* trace)
 {
-    if (!IsLive(task, batch.isUnitKnown)) {
+    if (!IsLive(task, batch.isChecked)) {
         XEL_LOG_FAIL(kTaskLog, "Task get info process unsuccessfully, task is invalid.");
         return XEL_FAIL;
     }
@@ -164,7 +179,7 @@ u32 SchTaskBeginRun(SchTaskCtrl* task, const SchBatch& batch, XelTaskUsrCb* call
                      static_cast<int>(task->init));
         return XEL_FAIL;
     }
-    if (static_cast<i32>(task->version - batch.newest) > 0) {
+    if (IsYounger(task, batch.oldest) && !IsMeant(task, batch, events)) {
         XEL_LOG_FAIL(kTaskLog, "Task get info process unsuccessfully, task is invalid.");
         return XEL_FAIL;
     }
@@ -177,7 +192,9 @@ u32 SchTaskGetInfoProcess(SchTaskCtrl* task, XelTaskProc* proc, u64* data)
 {
     XelTaskUsrCb callback = {};
     SchTaskTraceInfo unused;
-    const u32 ret = SchTaskBeginRun(task, SchTaskBatch(false), &callback, &unused);
+    const u32 newest = SchNewestTask();
+    const u32 ret =
+        SchTaskBeginRun(task, SchBatch{false, -1, newest, newest}, 0, &callback, &unused);
     if (ret == XEL_OK) {
         *proc = callback.proc;
         *data = callback.data;

@@ -53,17 +53,6 @@ bool Modify(SchTaskCtrl* task, i32 epFd, i32 fd, u32 events)
     return errno == ENOENT || errno == EBADF;
 }
 
-// What the descriptor is ready for, of the events it was registered for.
-u32 ReadinessOf(i32 fd, u32 watch)
-{
-    const u32 wanted = watch & kWatchMask;
-    struct pollfd look = {fd, static_cast<short>(wanted), 0};
-    if (poll(&look, 1, 0) != 1) {
-        return 0;
-    }
-    return static_cast<u32>(look.revents) & (wanted | kAlwaysReported);
-}
-
 // Looked up once per registration.
 u32 KindOf(i32 fd)
 {
@@ -79,7 +68,7 @@ u32 KindOf(i32 fd)
 bool IsAsRegistered(i32 fd, u32 watch, u32 events)
 {
     constexpr u32 kBoth = EPOLLIN | EPOLLOUT;
-    return (ReadinessOf(fd, kBoth) & kBoth) == kBoth && ((events ^ watch) & kBoth) == 0;
+    return (TaskReadiness(fd, kBoth) & kBoth) == kBoth && ((events ^ watch) & kBoth) == 0;
 }
 
 // Only a task that is bound once is queued where it is reported, and nowhere else.
@@ -155,6 +144,16 @@ bool WalkTasks(i32 epFd, FtMatchHook hook)
 }
 
 } // namespace
+
+u32 TaskReadiness(i32 fd, u32 events)
+{
+    const u32 wanted = events & kWatchMask;
+    struct pollfd look = {fd, static_cast<short>(wanted), 0};
+    if (poll(&look, 1, 0) != 1) {
+        return 0;
+    }
+    return static_cast<u32>(look.revents) & (wanted | kAlwaysReported);
+}
 
 void TaskWatchBegin(SchTaskCtrl* task, i32 epFd, u32 events)
 {
@@ -243,7 +242,7 @@ bool TaskWatchPutBack(SchTaskCtrl* task, u32 version, bool forOnce, u32* events)
     if (task->version != version || (watch & kWatchAside) == 0) {
         return true;
     }
-    *events |= ReadinessOf(task->fd, watch);
+    *events |= TaskReadiness(task->fd, watch);
     return PutBackLocked(task, watch, forOnce);
 }
 
@@ -255,7 +254,7 @@ bool TaskWatchPutBackAll(i32 epFd)
 bool TaskWatchIsReady(SchTaskCtrl* task)
 {
     const u32 watch = WatchOf(task);
-    return (watch & kWatchAside) != 0 && ReadinessOf(task->fd, watch) != 0;
+    return (watch & kWatchAside) != 0 && TaskReadiness(task->fd, watch) != 0;
 }
 
 bool TaskWatchWouldReport(SchTaskCtrl* task, u32 version)

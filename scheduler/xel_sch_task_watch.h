@@ -39,6 +39,9 @@ struct TaskWatch {
     i32 epFd;
 };
 
+// What a descriptor is ready for now, of these events; an error or a hang-up in any case.
+u32 TaskReadiness(i32 fd, u32 events);
+
 // Before the descriptor is registered with these events. Other than plain level-triggered masks are
 // left alone.
 void TaskWatchBegin(SchTaskCtrl* task, i32 epFd, u32 events);

@@ -1,6 +1,10 @@
 // Entry points that the library itself does not go through, and answers of a policy or of epoll
 // that no well-behaved one gives.
 #include <algorithm>
+#include <functional>
+#include <optional>
+#include <sys/eventfd.h>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -187,6 +191,128 @@ TEST_F(SchRare, TaskInATurnedOverUnitRunsWithItsOwnBatch)
     const Notes notes = HookRecorder::Take();
     EXPECT_EQ(std::count(notes.begin(), notes.end(), "run 78"), 1);
     EXPECT_EQ(DelFd(sch.Get(), fresh.Get()), 0U);
+}
+
+// A wait that reports a task which ends before the dispatcher looks at it: another thread destroys
+// it, and makes a task in its unit.
+class SchTurnover : public SchRare
+{
+protected:
+    void SetUp() override
+    {
+        SchRare::SetUp();
+        probe_.onWait = [this](const EpollProbe::Wait& wait) { return WaitAndTurnOver(wait); };
+        sch_.emplace(probe_.Ops(), nullptr);
+        doomed_.emplace(Fd::Event(1));
+        fresh_.emplace(Fd::Event());
+        EXPECT_EQ(AddFd(Sch(), doomed_->Get(), {NoteProc, 1}), 0U);
+    }
+
+    void TearDown() override
+    {
+        sch_.reset();
+        doomed_.reset();
+        fresh_.reset();
+        probe_.onWait = nullptr;
+        SchRare::TearDown();
+    }
+
+    SchCtrl* Sch() const { return sch_->Get(); }
+
+    int WaitAndTurnOver(const EpollProbe::Wait& wait)
+    {
+        const int n = epoll_wait(wait.epFd, wait.events, wait.maxEvents, 0);
+        if (makeSuccessor_ && n == 1) {
+            const void* before = wait.events[0].data.ptr;
+            EXPECT_EQ(DelFd(Sch(), doomed_->Get()), 0U);
+            std::exchange(makeSuccessor_, nullptr)();
+            EXPECT_EQ(SchTaskGetHandleByAppFd(fresh_->Get()), before) << "taken first";
+        }
+        return n;
+    }
+
+    // What ran in the one cycle whose wait met the turnover.
+    std::vector<u32> RunsWith(std::function<void()> makeSuccessor)
+    {
+        makeSuccessor_ = std::move(makeSuccessor);
+        const HookRecorder hooks;
+        (void)HookRecorder::Take();
+        XEL_SchDispatch(Sch());
+        std::vector<u32> runs;
+        for (const std::string& note : HookRecorder::Take()) {
+            if (note.starts_with("run ")) {
+                runs.push_back(static_cast<u32>(std::stoul(note.substr(4))));
+            }
+        }
+        return runs;
+    }
+
+    void ExpectRefusal()
+    {
+        EXPECT_LINES(TaskLine("Task get info process unsuccessfully, task is invalid."),
+                     SchLine("Event process, invalid task-ctrl."));
+    }
+
+    EpollProbe probe_;
+    std::optional<TestSch> sch_;
+    std::optional<Fd> doomed_;
+    std::optional<Fd> fresh_;
+    std::function<void()> makeSuccessor_;
+};
+
+TEST_F(SchTurnover, TaskOfAnotherSchedulerIsNotRunHere)
+{
+    TestSch other(Policy::None);
+    EXPECT_EQ(eventfd_write(fresh_->Get(), 1), 0);
+    EXPECT_EQ(RunsWith([&] {
+                  EXPECT_EQ(AddFd(other.Get(), fresh_->Get(), {NoteProc, 2}), 0U);
+              }),
+              std::vector<u32>{});
+    ExpectRefusal();
+    XEL_SchDispatch(other.Get());
+    EXPECT_EQ(HookRecorder::Take(), Notes{"run 2"}) << "it runs where it belongs";
+    EXPECT_EQ(DelFd(other.Get(), fresh_->Get()), 0U);
+}
+
+TEST_F(SchTurnover, TaskThatNobodyHasRegisteredIsNotRun)
+{
+    SchTaskCtrl* task = nullptr;
+    EXPECT_EQ(RunsWith([&] { task = MakeTask(fresh_->Get(), {NoteProc, 3}); }), std::vector<u32>{});
+    ExpectRefusal();
+    XEL_TaskDestroy(task);
+}
+
+TEST_F(SchTurnover, TaskOfThisSchedulerIsRun)
+{
+    EXPECT_EQ(RunsWith([&] {
+                  EXPECT_EQ(AddFd(Sch(), fresh_->Get(), {NoteProc, 4}), 0U);
+              }),
+              std::vector<u32>{4});
+    EXPECT_EQ(DelFd(Sch(), fresh_->Get()), 0U);
+}
+
+TEST_F(SchTurnover, TaskOfSeveralSchedulersIsRun)
+{
+    TestSch other(Policy::None);
+    SchTaskCtrl* task = nullptr;
+    EXPECT_EQ(RunsWith([&] {
+                  task = MakeTask(fresh_->Get(), {NoteProc, 5});
+                  EXPECT_EQ(XEL_TaskAdd(Sch(), task), 0U);
+                  EXPECT_EQ(XEL_TaskAdd(other.Get(), task), 0U);
+              }),
+              std::vector<u32>{5});
+    XEL_TaskDestroy(task);
+}
+
+TEST_F(SchTurnover, TaskThatTheApplicationRegistersItselfIsRun)
+{
+    SchTaskCtrl* task = nullptr;
+    EXPECT_EQ(eventfd_write(fresh_->Get(), 1), 0);
+    EXPECT_EQ(RunsWith([&] {
+                  task = MakeTask(fresh_->Get(), {NoteProc, 6});
+              }),
+              std::vector<u32>{6});
+    XEL_TaskDestroy(task);
 }
 
 } // namespace
