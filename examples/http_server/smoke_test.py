@@ -353,7 +353,7 @@ class HttpServer(unittest.TestCase):
         return runs | {"accepted": stats["accepted"]}
 
     def test_TwoHundredClientsAtOnceAreAllServed(self):
-        self.start()
+        self.start("--idle-ms", "60000")
         request = b"GET /bulk/3000 HTTP/1.1\r\nHost: x\r\n\r\n"
         body = bulk_body(3000)
         with contextlib.ExitStack() as stack:
