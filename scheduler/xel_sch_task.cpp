@@ -37,13 +37,14 @@ bool HasTable()
 }
 
 // Makes a record out of a unit. The unit may have served another task whose users still look at
-// it, so its lock is taken, not overwritten, and everything changes under it.
+// it, so its lock is taken, not overwritten, and everything changes under it. The magic comes last,
+// by a release: with it the whole record is seen.
 void BuildTask(SchTaskCtrl* task, i32 fd, const XelTaskAttr* attr)
 {
     task->magic.store(0, std::memory_order_relaxed);
-    FullBarrier();
     RwlockOpenFresh(&task->lock);
     const ShortWriteGuard guard(task->lock);
+    FullBarrierAfterRmw(); // nothing below is seen beside an older magic
     XelSllInit(&task->schList, &task->schCount);
     task->version = g_xelTaskRunCtrl.taskVer.load(std::memory_order_relaxed);
     task->fd = fd;
@@ -51,7 +52,6 @@ void BuildTask(SchTaskCtrl* task, i32 fd, const XelTaskAttr* attr)
     SchTaskCtrlSetData(task, attr);
     task->events.store(0, std::memory_order_relaxed);
     task->watch.store(0, std::memory_order_relaxed);
-    FullBarrier();
     task->magic.store(kTaskMagic, std::memory_order_release);
 }
 
@@ -89,7 +89,6 @@ void RetireTask(SchTaskCtrl* task)
     task->fd = -1;
     task->events.store(0, std::memory_order_relaxed);
     SchTaskCtrlSetData(task, &empty);
-    FullBarrier();
     task->magic.store(0, std::memory_order_release);
 }
 
@@ -206,7 +205,7 @@ SchTaskCtrl* SchTaskCreate(i32 fd, const XelTaskAttr* attr)
         if (task == nullptr) {
             XEL_LOG_FAIL(kTaskLog, "Task create unsuccessfully, alloc task-ctrl unsuccessfully!");
         } else {
-            g_xelTaskRunCtrl.taskVer.fetch_add(1, std::memory_order_relaxed);
+            g_xelTaskRunCtrl.taskVer.store(SchNewestTask() + 1, std::memory_order_relaxed);
             BuildTask(task, fd, attr);
             TaskIndexAdd(task);
         }
