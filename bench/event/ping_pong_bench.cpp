@@ -7,13 +7,13 @@
 #include <stdexcept>
 #include <thread>
 
-#include <sched.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <benchmark/benchmark.h>
 
+#include "bench/cores.h"
 #include "bench/event/event_objects.h"
 
 namespace
@@ -138,15 +138,6 @@ public:
     }
 
 private:
-    static void Pin(pthread_t thread, int core)
-    {
-        cpu_set_t cores;
-        CPU_ZERO(&cores);
-        CPU_SET(core, &cores);
-        if (pthread_setaffinity_np(thread, sizeof(cores), &cores) != 0) {
-            throw std::runtime_error("cannot pin a thread");
-        }
-    }
     static std::uint32_t OnNear(std::uint64_t data)
     {
         auto* self = reinterpret_cast<Pair*>(data);
@@ -169,21 +160,6 @@ private:
     Target near_;
     Target far_;
 };
-
-// The first two cores that this process may use; fewer than two: empty.
-std::vector<int> TwoCores()
-{
-    std::vector<int> found;
-    cpu_set_t cores;
-    CPU_ZERO(&cores);
-    sched_getaffinity(0, sizeof(cores), &cores);
-    for (int core = 0; core < CPU_SETSIZE && found.size() < 2; ++core) {
-        if (CPU_ISSET(core, &cores)) {
-            found.push_back(core);
-        }
-    }
-    return found.size() == 2 ? found : std::vector<int>();
-}
 
 template <typename AnyPair>
 double NanosecondsPerHit(AnyPair& pair)

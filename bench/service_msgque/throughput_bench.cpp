@@ -13,6 +13,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "bench/cores.h"
 #include "bench/event/event_objects.h"
 #include "bench/service_msgque/bare_queue.h"
 #include "xel_mem.h"
@@ -76,29 +77,6 @@ public:
 private:
     SchedulerThread thread_;
 };
-
-void Pin(pthread_t thread, int core)
-{
-    cpu_set_t cores;
-    CPU_ZERO(&cores);
-    CPU_SET(core, &cores);
-    pthread_setaffinity_np(thread, sizeof(cores), &cores);
-}
-
-// The first two cores that this process may use; fewer than two: empty.
-std::vector<int> TwoCores()
-{
-    std::vector<int> found;
-    cpu_set_t cores;
-    CPU_ZERO(&cores);
-    sched_getaffinity(0, sizeof(cores), &cores);
-    for (int core = 0; core < CPU_SETSIZE && found.size() < 2; ++core) {
-        if (CPU_ISSET(core, &cores)) {
-            found.push_back(core);
-        }
-    }
-    return found.size() == 2 ? found : std::vector<int>();
-}
 
 // What the batches of one kind took, per message: until the producer was done, and in all.
 struct Times {

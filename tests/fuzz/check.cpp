@@ -8,12 +8,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <dirent.h>
 #include <unistd.h>
 
 #include "xel_log.h"
-#include "xel_mem.h"
-#include "xel_pool.h"
 
 namespace
 {
@@ -23,18 +20,6 @@ constexpr long kNapNs = 50000;
 
 // Counted by whoever logs, read by the fuzzing thread.
 constinit std::atomic<u64> g_lines = 0;
-
-u64 CountEntries(const char* path)
-{
-    DIR* dir = opendir(path);
-    FUZZ_CHECK(dir != nullptr);
-    u64 count = 0;
-    while (const struct dirent* entry = readdir(dir)) {
-        count += entry->d_name[0] != '.' ? 1 : 0;
-    }
-    closedir(dir);
-    return count;
-}
 
 int Nap()
 {
@@ -81,19 +66,9 @@ void Die(const char* file, int line, const char* what)
     abort();
 }
 
-Footprint Measure()
-{
-    XelMemUsage memory{};
-    XEL_MemGetUsage(&memory);
-    FmmUsage pools{};
-    FmmGetUsage(&pools);
-    return {memory.blocks, pools.units, pools.pools, CountEntries("/proc/self/fd"),
-            CountEntries("/proc/self/task")};
-}
-
 void Print(const char* title, const Footprint& footprint)
 {
-    fprintf(stderr, "%s: blocks %lu, units %lu, pools %lu, descriptors %lu, threads %lu\n", title,
+    fprintf(stderr, "%s: blocks %lu, units %lu, pools %lu, descriptors %zu, threads %zu\n", title,
             footprint.blocks, footprint.units, footprint.pools, footprint.descriptors,
             footprint.threads);
 }

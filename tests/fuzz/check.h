@@ -7,6 +7,7 @@
 #include <functional>
 
 #include "common/xel_int.h"
+#include "support/footprint.h"
 
 namespace xelfuzz
 {
@@ -20,16 +21,8 @@ namespace xelfuzz
         }                                                                                          \
     } while (false)
 
-// Everything that an input must give back.
-struct Footprint {
-    u64 blocks;
-    u64 units;
-    u64 pools;
-    u64 descriptors;
-    u64 threads;
-    bool operator==(const Footprint&) const = default;
-};
-Footprint Measure();
+using xeltest::Footprint;
+using xeltest::Measure;
 void Print(const char* title, const Footprint& footprint);
 
 // Looks until the condition holds; ends the process when it does not within half a minute.

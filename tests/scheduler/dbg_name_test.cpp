@@ -104,28 +104,9 @@ class Monitor : public CleanProcess
 {
 };
 
-SchTaskTraceInfo MakeTrace()
-{
-    SchTaskTraceInfo trace{};
-    trace.procFunc = abcdef;
-    trace.fd = 12;
-    trace.events = EPOLLIN;
-    strcpy(trace.name, "tracedtask");
-    trace.type = 1;
-    trace.prio = 2;
-    trace.eventLeft = 3;
-    trace.insertTime = 4;
-    trace.startTime = 5;
-    trace.endTime = 6;
-    trace.procTime = 7;
-    trace.timestamp.tv_sec = 8;
-    trace.timestamp.tv_usec = 9;
-    return trace;
-}
-
 TEST_F(Monitor, ShortRunPrintsNothing)
 {
-    SchTaskTraceInfo trace = MakeTrace();
+    SchTaskTraceInfo trace = tasktest::TraceOf(abcdef);
     for (const u64 procTime : {u64{0}, u64{399999}}) {
         trace.procTime = procTime;
         SchCheckTaskException(9, &trace);
@@ -135,7 +116,7 @@ TEST_F(Monitor, ShortRunPrintsNothing)
 
 TEST_F(Monitor, LongRunPrintsTimeoutAndDetail)
 {
-    SchTaskTraceInfo trace = MakeTrace();
+    SchTaskTraceInfo trace = tasktest::TraceOf(abcdef);
     trace.procTime = 400000;
     SchCheckTaskException(9, &trace);
     EXPECT_LOG(kMonitorSource, Warning("Proc time timeout. (epFd = 9)"),
@@ -145,7 +126,7 @@ TEST_F(Monitor, LongRunPrintsTimeoutAndDetail)
 
 TEST_F(Monitor, TimesAreUnsigned)
 {
-    SchTaskTraceInfo trace = MakeTrace();
+    SchTaskTraceInfo trace = tasktest::TraceOf(abcdef);
     trace.procFunc = nullptr;
     trace.procTime = UINT64_MAX;
     SchCheckTaskException(0xFFFFFFFF, &trace);
@@ -154,7 +135,7 @@ TEST_F(Monitor, TimesAreUnsigned)
 
 TEST_F(Monitor, DetailPrintsWholeNumbers)
 {
-    SchTaskTraceInfo trace = MakeTrace();
+    SchTaskTraceInfo trace = tasktest::TraceOf(abcdef);
     trace.fd = -5;
     trace.type = 0xFFFFFFFF;
     trace.prio = 0xFFFFFFFE;
@@ -173,7 +154,7 @@ TEST_F(Monitor, DetailPrintsWholeNumbers)
 
 TEST_F(Monitor, RunWithoutCallbackPrintsTheTimeoutOnly)
 {
-    SchTaskTraceInfo trace = MakeTrace();
+    SchTaskTraceInfo trace = tasktest::TraceOf(abcdef);
     trace.procFunc = nullptr;
     trace.procTime = 400000;
     SchCheckTaskException(9, &trace);
@@ -182,7 +163,7 @@ TEST_F(Monitor, RunWithoutCallbackPrintsTheTimeoutOnly)
 
 TEST_F(Monitor, FailedNameIsPrintedEmpty)
 {
-    SchTaskTraceInfo trace = MakeTrace();
+    SchTaskTraceInfo trace = tasktest::TraceOf(abcdef);
     trace.procTime = 400000;
     const ExpectedLine detail =
         Detail("fd:12, procFunc:, name:tracedtask, type:1, prio:2, insertTime:4, "
@@ -200,7 +181,7 @@ TEST_F(Monitor, WorksWithHooksRegistered)
 {
     const SchDbgHookTable nothing{};
     SCH_RegisterDbgHookTable(&nothing);
-    SchTaskTraceInfo trace = MakeTrace();
+    SchTaskTraceInfo trace = tasktest::TraceOf(abcdef);
     trace.procFunc = nullptr;
     trace.procTime = 400000;
     SchCheckTaskException(9, &trace);

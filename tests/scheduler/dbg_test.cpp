@@ -65,25 +65,6 @@ protected:
     }
 };
 
-SchTaskTraceInfo MakeTrace()
-{
-    SchTaskTraceInfo trace{};
-    trace.procFunc = NopProc;
-    trace.fd = 12;
-    trace.events = EPOLLIN;
-    strcpy(trace.name, "tracedtask");
-    trace.type = 1;
-    trace.prio = 2;
-    trace.eventLeft = 3;
-    trace.insertTime = 4;
-    trace.startTime = 5;
-    trace.endTime = 6;
-    trace.procTime = 7;
-    trace.timestamp.tv_sec = 8;
-    trace.timestamp.tv_usec = 9;
-    return trace;
-}
-
 void CallAll()
 {
     SchDbgTaskInfo info{};
@@ -94,7 +75,7 @@ void CallAll()
     SchDbgDelTaskInfo(5);
     SchDbgUpdateTasksStatistic(6, 77);
     SchDbgAddErrStat(8, 2);
-    const SchTaskTraceInfo trace = MakeTrace();
+    const SchTaskTraceInfo trace = tasktest::TraceOf(NopProc);
     SchDbgInsertTaskTrace(9, &trace);
 }
 
@@ -204,7 +185,7 @@ TEST_F(Dbg, TraceIsCopiedFieldByField)
 {
     SCH_RegisterDbgHookTable(&kHooks);
     memset(static_cast<void*>(&g_trace), 0x5A, sizeof(g_trace));
-    SchTaskTraceInfo trace = MakeTrace();
+    SchTaskTraceInfo trace = tasktest::TraceOf(NopProc);
     trace.fd = -1;
     SchDbgInsertTaskTrace(9, &trace);
     EXPECT_STREQ(g_trace.name, "tracedtask");
@@ -218,7 +199,7 @@ TEST_F(Dbg, TraceIsCopiedFieldByField)
 TEST_F(Dbg, TraceWhoseNameCannotBeCopiedIsNotHandedOut)
 {
     SCH_RegisterDbgHookTable(&kHooks);
-    const SchTaskTraceInfo trace = MakeTrace();
+    const SchTaskTraceInfo trace = tasktest::TraceOf(NopProc);
     FailNth(Call::StrcpyS, 1, 34);
     SchDbgInsertTaskTrace(9, &trace);
     EXPECT_LOG(kDbgSource,
@@ -231,7 +212,7 @@ TEST_F(Dbg, TraceIsNotCopiedForAnEmptySlot)
     SchDbgHookTable table = kHooks;
     table.insertTaskTrace = nullptr;
     SCH_RegisterDbgHookTable(&table);
-    const SchTaskTraceInfo trace = MakeTrace();
+    const SchTaskTraceInfo trace = tasktest::TraceOf(NopProc);
     FailAll(Call::StrcpyS);
     SchDbgInsertTaskTrace(9, &trace);
     EXPECT_NO_LOG();

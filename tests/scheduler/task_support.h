@@ -3,7 +3,9 @@
 #define XEL_TESTS_TASK_SUPPORT_H
 
 #include <atomic>
+#include <cstring>
 #include <functional>
+#include <sys/epoll.h>
 
 #include <gtest/gtest.h>
 
@@ -21,6 +23,26 @@ constexpr u32 kDead = 0xBAD;
 class TaskTest : public xeltest::CleanProcess
 {
 };
+
+// The record of a run, each field with a value of its own.
+inline SchTaskTraceInfo TraceOf(XelTaskProc proc)
+{
+    SchTaskTraceInfo trace{};
+    trace.procFunc = proc;
+    trace.fd = 12;
+    trace.events = EPOLLIN;
+    strcpy(trace.name, "tracedtask");
+    trace.type = 1;
+    trace.prio = 2;
+    trace.eventLeft = 3;
+    trace.insertTime = 4;
+    trace.startTime = 5;
+    trace.endTime = 6;
+    trace.procTime = 7;
+    trace.timestamp.tv_sec = 8;
+    trace.timestamp.tv_usec = 9;
+    return trace;
+}
 
 inline void ForceMagic(SchTaskCtrl* task, u32 magic)
 {

@@ -12,13 +12,11 @@
 #include <thread>
 #include <vector>
 
-#include <dirent.h>
 #include <unistd.h>
 
+#include "support/footprint.h"
 #include "xel_event.h"
 #include "xel_log.h"
-#include "xel_mem.h"
-#include "xel_pool.h"
 #include "xel_service_mq.h"
 
 namespace soak
@@ -26,6 +24,9 @@ namespace soak
 
 namespace
 {
+
+using xeltest::Footprint;
+using xeltest::Measure;
 
 constexpr u32 kWorkersPerFamily = 2;
 
@@ -41,15 +42,6 @@ constexpr Family kFamilies[] = {
 };
 constexpr u32 kFamilyCount = sizeof(kFamilies) / sizeof(kFamilies[0]);
 
-struct Footprint {
-    u64 blocks;
-    u64 units;
-    u64 pools;
-    u64 descriptors;
-    u64 threads;
-    bool operator==(const Footprint&) const = default;
-};
-
 Ledger g_books[static_cast<u32>(Book::Count)] = {
     {"notifications", {}, {}, {}, {}},    {"one-shot expiries", {}, {}, {}, {}},
     {"timer data", {}, {}, {}, {}},       {"light elements", {}, {}, {}, {}},
@@ -64,28 +56,6 @@ std::atomic<u64> g_logLines = 0;
 void CountLine(void*, u32, const char*, size_t)
 {
     g_logLines.fetch_add(1, std::memory_order_relaxed);
-}
-
-u64 CountEntries(const char* path)
-{
-    DIR* dir = opendir(path);
-    SOAK_CHECK(dir != nullptr);
-    u64 count = 0;
-    while (const struct dirent* entry = readdir(dir)) {
-        count += entry->d_name[0] != '.' ? 1 : 0;
-    }
-    closedir(dir);
-    return count;
-}
-
-Footprint Measure()
-{
-    XelMemUsage memory{};
-    XEL_MemGetUsage(&memory);
-    FmmUsage pools{};
-    FmmGetUsage(&pools);
-    return {memory.blocks, pools.units, pools.pools, CountEntries("/proc/self/fd"),
-            CountEntries("/proc/self/task")};
 }
 
 // Threads that have ended, joined or not, are counted still for a moment.

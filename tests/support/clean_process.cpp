@@ -1,7 +1,6 @@
 // The leak guard: counts before and after each test.
 #include "support/clean_process.h"
 
-#include <dirent.h>
 #include <ostream>
 #include <thread>
 #include <unistd.h>
@@ -9,8 +8,6 @@
 #include "support/faults.h"
 #include "support/helpers.h"
 #include "support/log_recorder.h"
-#include "xel_mem.h"
-#include "xel_pool.h"
 #include "xel_scheduler.h"
 
 namespace xeltest
@@ -20,21 +17,6 @@ namespace
 {
 
 constexpr int kLeaveTimeoutMs = 5000;
-
-size_t CountEntries(const char* path)
-{
-    DIR* dir = opendir(path);
-    EXPECT_NE(dir, nullptr);
-    if (dir == nullptr) {
-        return 0;
-    }
-    size_t count = 0;
-    while (const struct dirent* entry = readdir(dir)) {
-        count += entry->d_name[0] != '.' ? 1 : 0;
-    }
-    closedir(dir);
-    return count;
-}
 
 void ForgetSettings()
 {
@@ -54,16 +36,6 @@ void PrintTo(const Footprint& footprint, std::ostream* out)
     *out << "descriptors " << footprint.descriptors << ", threads " << footprint.threads
          << ", blocks " << footprint.blocks << ", units " << footprint.units << ", pools "
          << footprint.pools;
-}
-
-Footprint Measure()
-{
-    XelMemUsage memory{};
-    XEL_MemGetUsage(&memory);
-    FmmUsage pools{};
-    FmmGetUsage(&pools);
-    return {CountEntries("/proc/self/fd"), CountEntries("/proc/self/task"), memory.blocks,
-            pools.units, pools.pools};
 }
 
 void WarmUp()

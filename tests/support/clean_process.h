@@ -6,22 +6,12 @@
 
 #include <gtest/gtest.h>
 
-#include "common/xel_int.h"
+#include "support/footprint.h"
 
 namespace xeltest
 {
 
-// Everything that a failed or undone operation must give back.
-struct Footprint {
-    size_t descriptors;
-    size_t threads;
-    u64 blocks; // of XEL_MemAllocF
-    u64 units;  // of all pools
-    u64 pools;
-    bool operator==(const Footprint&) const = default;
-};
 void PrintTo(const Footprint& footprint, std::ostream* out);
-Footprint Measure();
 
 // Creates and destroys one task, one scheduler and one thread, so that everything that stays for
 // the life of the process is there.
