@@ -13,6 +13,7 @@
 #include "event/xel_event_list.h"
 #include "scheduler/xel_sch_dbg_inner.h"
 #include "thread/xel_sch_task_settings.h"
+#include "thread/xel_sch_thread_inner.h"
 #include "xel_clock.h"
 
 namespace
@@ -30,11 +31,16 @@ u64 NowMs()
 }
 
 // Takes one notification. The list lock is held over copy and read: until it is released nobody
-// closes the descriptor, so no other object that got its number can be read by mistake.
+// closes the descriptor, so no other object that got its number can be read by mistake. An event of
+// another scheduler thread has taken the memory of the one that this run is for.
 u32 TakeNotification(const XelEventNode* node, EventCopy* copy)
 {
     (void)pthread_rwlock_rdlock(&g_xelEventList.lock);
     u32 ret = EventCopyListed(node, copy);
+    if (ret == XEL_OK && !ThreadMayRunHere(copy->thread)) {
+        XEL_LOG_FAIL(kEventLog, "Eventfd node invalid.");
+        ret = XEL_FAIL;
+    }
     int readResult = 0;
     int error = 0;
     if (ret == XEL_OK) {

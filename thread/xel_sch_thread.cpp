@@ -16,6 +16,8 @@
 namespace
 {
 
+constinit thread_local const XelThreadCtrl* t_own = nullptr; // of a scheduler thread
+
 constexpr u32 kNoMonitor = 0xFFFFFFFFU;
 constexpr u64 kExitRequested = 1; // what a semaphore-mode eventfd reads after one write
 constexpr useconds_t kExitPollUs = 10000;
@@ -248,12 +250,18 @@ void* SchThread(void* arg)
     if (StartMonitor(ctrl, &monitorId) != XEL_OK) {
         return nullptr;
     }
+    t_own = ctrl;
     do {
         SCH_DispatchWithDeadloop(ctrl->sch, monitorId, SchThreadDeadloopMon);
     } while (ctrl->exitValue.load(std::memory_order_relaxed) != kExitRequested);
     ctrl->exited.store(1, std::memory_order_release);
     (void)XelDeadloopMonUnreg(monitorId);
     return nullptr;
+}
+
+bool ThreadMayRunHere(const XelThreadCtrl* thread)
+{
+    return t_own == nullptr || t_own == thread;
 }
 
 // The thread runs on its stack already: the size is only validated.

@@ -100,4 +100,8 @@ XEL_API u32 ThreadMoxEpollInit(u32 epSize, i32* epFd, SchEpollOps* ops);
 
 XEL_EXTERN_C_END
 
+// False when the caller is a scheduler thread, but not this one. An object that belongs to thread
+// may have taken the memory of one that a late run on the caller's thread is meant for.
+bool ThreadMayRunHere(const XelThreadCtrl* thread);
+
 #endif // XEL_THREAD_SCH_THREAD_INNER_H

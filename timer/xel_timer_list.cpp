@@ -8,6 +8,7 @@
 
 #include "common/xel_address_index.h"
 #include "common/xel_memory.h"
+#include "thread/xel_sch_thread_inner.h"
 #include "timer/xel_timer_type.h"
 
 constinit XelTimerCtrl g_xelTimerCtrl = {
@@ -60,10 +61,15 @@ TimerRun::TimerRun(XelTimerNode* node) : node_(node), isLive_(false), magic_(0),
     if (!g_index.Contains(node)) {
         return;
     }
+    const u32 magic = node->magic.load(std::memory_order_acquire);
+    const bool isMade = magic == kTimerMagic;
+    if (isMade && !ThreadMayRunHere(node->thread)) {
+        return;
+    }
     BlockOf(node)->runs.fetch_add(1, std::memory_order_relaxed);
     isLive_ = true;
-    magic_ = node->magic.load(std::memory_order_acquire);
-    if (magic_ == kTimerMagic) {
+    magic_ = magic;
+    if (isMade) {
         call_ = {node->fd, node->mode, node->callback, node->userData};
     }
 }

@@ -38,7 +38,7 @@ public:
     ~TimerRun() { End(); }
 
     // The magic that was found; 0, and nothing of the timer may be read, when its memory was gone
-    // before the run began.
+    // before the run began, or has become a timer of another scheduler thread.
     u32 Magic() const { return magic_; }
     // Taken under the lock, for a timer with the right magic: a late run of a freed timer may meet
     // a new one at its address that is just being set up.

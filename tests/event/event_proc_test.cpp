@@ -269,6 +269,20 @@ TEST_F(EventProc, FailedReadLockIsNotLookedAt)
     EXPECT_NO_LOG();
 }
 
+// A late run of a destroyed event may find an event of another thread at its address.
+TEST_F(EventProc, AnotherSchedulerThreadNeitherRunsItNorTakesItsNotification)
+{
+    const Event event(*worker_, runs_);
+    event.Notify();
+    Worker other;
+    other.Run([&event] { EXPECT_EQ(Proc(event.Get()), kFail); });
+    EXPECT_LOG(kEventSource, "Eventfd node invalid.");
+    EXPECT_EQ(runs_.load(), 0U);
+    held_.reset();
+    EXPECT_TRUE(AwaitTrue([this] { return runs_.load() == 1; }));
+    EXPECT_NO_LOG();
+}
+
 // On its own thread: the dispatcher sees the callback's result too.
 TEST_F(EventProc, DispatcherReportsTheResultAsWell)
 {

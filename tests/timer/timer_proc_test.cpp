@@ -92,6 +92,25 @@ TEST_F(TimerProc, ExpiryCostsOneRead)
     End(timer);
 }
 
+// A late run of a freed timer may find a timer of another thread at its address.
+TEST_F(TimerProc, AnotherSchedulerThreadNeitherRunsNorEndsIt)
+{
+    XelTimerNode* timer = Make();
+    Expire(timer);
+    Worker other;
+    for (const u32 pending : {0U, kTimerPending}) {
+        timer->destroyPending.store(pending);
+        other.Run([timer] { EXPECT_EQ(Proc(timer), kFail); });
+        EXPECT_LOG(kTimerSource, "Timer proc unsuccessfully, magic:0.");
+        EXPECT_TRUE(IsListed(timer));
+    }
+    EXPECT_EQ(probe_.runs.load(), 0);
+    timer->destroyPending.store(0);
+    EXPECT_EQ(Proc(timer), 0U) << "its expiration is there";
+    EXPECT_EQ(probe_.runs.load(), 1);
+    End(timer);
+}
+
 // The magic comes before the end that was asked for.
 TEST_F(TimerProc, DamagedMagicIsRefusedFirst)
 {
