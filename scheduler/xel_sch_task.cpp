@@ -37,8 +37,7 @@ bool HasTable()
 }
 
 // Makes a record out of a unit. The unit may have served another task whose users still look at
-// it, so its lock is taken, not overwritten, and everything changes under it. The magic comes last,
-// by a release: with it the whole record is seen.
+// it, so its lock is taken, not overwritten, and everything changes under it.
 void BuildTask(SchTaskCtrl* task, i32 fd, const XelTaskAttr* attr)
 {
     task->magic.store(0, std::memory_order_relaxed);
@@ -52,6 +51,7 @@ void BuildTask(SchTaskCtrl* task, i32 fd, const XelTaskAttr* attr)
     SchTaskCtrlSetData(task, attr);
     task->events.store(0, std::memory_order_relaxed);
     task->watch.store(0, std::memory_order_relaxed);
+    FullBarrier();
     task->magic.store(kTaskMagic, std::memory_order_release);
 }
 
@@ -89,6 +89,7 @@ void RetireTask(SchTaskCtrl* task)
     task->fd = -1;
     task->events.store(0, std::memory_order_relaxed);
     SchTaskCtrlSetData(task, &empty);
+    FullBarrier();
     task->magic.store(0, std::memory_order_release);
 }
 
