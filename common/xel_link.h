@@ -23,6 +23,16 @@ inline void LinkAddFront(XelLink* head, XelLink* link)
     head->next = link;
 }
 
+inline bool LinkIsIn(const XelLink* head, const XelLink* link)
+{
+    for (const XelLink* each = head->next; each != head; each = each->next) {
+        if (each == link) {
+            return true;
+        }
+    }
+    return false;
+}
+
 // A link that is in no list stays as it is.
 inline void LinkRemove(XelLink* link)
 {

@@ -29,6 +29,7 @@ struct XelEventAttr {
 
 struct XelEventNode {
     std::atomic<u32> magic; // read by notifiers without the lock; cleared just before the free
+    u32 ownMark;            // tells the nodes that EventCreateEventNode made
     XelLink link;
     char name[XEL_NAME_SIZE];
     XelThreadCtrl* thread;
@@ -41,6 +42,7 @@ static_assert(sizeof(XelEventAttr) == 40 && sizeof(XelEventNode) == 72);
 // What the callback works with once the event itself may be gone.
 struct EventCopy {
     u32 magic;
+    u32 ownMark;
     XelLink link;
     char name[XEL_NAME_SIZE];
     XelThreadCtrl* thread;

@@ -4,6 +4,7 @@
 #include "event/xel_event_list.h"
 
 #include <cerrno>
+#include <cstddef>
 
 #include "common/xel_memory.h"
 
@@ -15,7 +16,7 @@ namespace
 
 constexpr u32 kIndexBits = 14;
 
-// A node's block: the record, and behind it its place in the index.
+// The block of a node that was made here: the record, and behind it its place in the index.
 struct EventBlock {
     XelEventNode node;
     AddressLink indexLink;
@@ -23,15 +24,35 @@ struct EventBlock {
 
 constinit AddressIndex<kIndexBits> g_index = {};
 
+// Listed nodes that somebody else made, with nothing behind the record. Guarded as the list.
+constinit u32 g_foreign = 0;
+
+// Differs from address to address, so that a copy of a node is foreign.
+u32 OwnMarkOf(const XelEventNode* node)
+{
+    return static_cast<u32>(reinterpret_cast<uintptr_t>(node) >> 3) ^ kEventMagic;
+}
+
 EventBlock* BlockOf(XelEventNode* node)
 {
     return reinterpret_cast<EventBlock*>(node);
 }
 
+// Not followed: any address may be asked about.
+const XelLink* LinkOf(const XelEventNode* node)
+{
+    return reinterpret_cast<const XelLink*>(reinterpret_cast<uintptr_t>(node) +
+                                            offsetof(XelEventNode, link));
+}
+
 void Unlist(XelEventNode* node)
 {
     LinkRemove(&node->link);
-    g_index.Remove(node);
+    if (g_index.Contains(node)) {
+        g_index.Remove(node);
+    } else {
+        g_foreign -= 1;
+    }
     g_xelEventList.count -= 1;
 }
 
@@ -52,6 +73,7 @@ XelEventNode* EventCreateEventNode(XelThreadCtrl* thread, i32 fd, const XelEvent
     node->name[0] = '\0';
     (void)strncpy_s(node->name, sizeof(node->name), attr->name, XEL_NAME_SIZE - 1);
     LinkInit(&node->link);
+    node->ownMark = OwnMarkOf(node);
     node->magic.store(kEventMagic, std::memory_order_release);
     return node;
 }
@@ -64,6 +86,7 @@ void EventDestroyEventNode(XelEventNode* node)
         return;
     }
     node->magic.store(0, std::memory_order_relaxed);
+    node->ownMark = 0;
     XEL_FREE(kEventLog, BlockOf(node));
     (void)pthread_rwlock_unlock(&g_xelEventList.lock);
 }
@@ -99,7 +122,11 @@ u32 EventListAddNode(XelEventNode* node)
         return XEL_FAIL;
     }
     LinkAddFront(&g_xelEventList.head, &node->link);
-    g_index.Add(&BlockOf(node)->indexLink, node);
+    if (node->ownMark == OwnMarkOf(node)) {
+        g_index.Add(&BlockOf(node)->indexLink, node);
+    } else {
+        g_foreign += 1;
+    }
     g_xelEventList.count += 1;
     (void)pthread_rwlock_unlock(&g_xelEventList.lock);
     return XEL_OK;
@@ -130,7 +157,8 @@ u32 EventListDelNode(XelEventNode* node)
 
 bool EventIsNodeAvailable(const XelEventNode* node)
 {
-    return g_index.Contains(node);
+    return g_index.Contains(node) ||
+           (g_foreign != 0 && node != nullptr && LinkIsIn(&g_xelEventList.head, LinkOf(node)));
 }
 
 u32 EventCopyListed(const XelEventNode* node, EventCopy* copy)
@@ -153,6 +181,7 @@ u32 EventCopyListed(const XelEventNode* node, EventCopy* copy)
         return XEL_FAIL;
     }
     copy->magic = magic;
+    copy->ownMark = node->ownMark;
     copy->link = node->link;
     (void)memcpy_s(copy->name, sizeof(copy->name), node->name, sizeof(node->name));
     copy->thread = node->thread;

@@ -21,7 +21,7 @@ namespace
 
 constexpr u32 kIndexBits = 14;
 
-// A node's block: the record, and behind it what only this file knows.
+// The block of a node that was made here: the record, and behind it what only this file knows.
 struct TimerBlock {
     XelTimerNode node;
     AddressLink indexLink;
@@ -36,6 +36,9 @@ struct TimerBlock {
 // Guarded by the timer lock, as the list. A node stands here from its allocation until its release
 // is decided, whether it is listed or not.
 constinit AddressIndex<kIndexBits> g_index = {};
+
+// Listed nodes that somebody else made: the record is all there is. Guarded as the list.
+constinit u32 g_foreign = 0;
 
 TimerBlock* BlockOf(XelTimerNode* node)
 {
@@ -53,12 +56,20 @@ XelTimerNode* NodeOf(XelLink* link)
                                            offsetof(XelTimerNode, link));
 }
 
+bool IsForeignInList(const XelTimerNode* node)
+{
+    const auto link = reinterpret_cast<uintptr_t>(node) + offsetof(XelTimerNode, link);
+    return g_foreign != 0 && node != nullptr &&
+           LinkIsIn(&g_xelTimerCtrl.timerList, reinterpret_cast<const XelLink*>(link));
+}
+
 } // namespace
 
 TimerRun::TimerRun(XelTimerNode* node) : node_(node), isLive_(false), magic_(0), call_()
 {
     const TimerReadGuard guard;
-    if (!g_index.Contains(node)) {
+    const bool isOwn = g_index.Contains(node);
+    if (!isOwn && !IsForeignInList(node)) {
         return;
     }
     const u32 magic = node->magic.load(std::memory_order_acquire);
@@ -66,8 +77,10 @@ TimerRun::TimerRun(XelTimerNode* node) : node_(node), isLive_(false), magic_(0),
     if (isMade && !ThreadMayRunHere(node->thread)) {
         return;
     }
-    BlockOf(node)->runs.fetch_add(1, std::memory_order_relaxed);
-    isLive_ = true;
+    if (isOwn) {
+        BlockOf(node)->runs.fetch_add(1, std::memory_order_relaxed);
+        isLive_ = true;
+    }
     magic_ = magic;
     if (isMade) {
         call_ = {node->fd, node->mode, node->callback, node->userData};
@@ -108,14 +121,22 @@ XelTimerNode* TimerAllocNode()
 void TimerLinkNode(XelTimerNode* node)
 {
     LinkAddFront(&g_xelTimerCtrl.timerList, &node->link);
-    BlockOf(node)->isListed = 1;
+    if (g_index.Contains(node)) {
+        BlockOf(node)->isListed = 1;
+    } else {
+        g_foreign += 1;
+    }
     g_xelTimerCtrl.timerCount += 1;
 }
 
 void TimerUnlinkNode(XelTimerNode* node)
 {
     LinkRemove(&node->link);
-    BlockOf(node)->isListed = 0;
+    if (g_index.Contains(node)) {
+        BlockOf(node)->isListed = 0;
+    } else {
+        g_foreign -= 1;
+    }
     if (g_xelTimerCtrl.timerCount > 0) {
         g_xelTimerCtrl.timerCount -= 1;
     }
@@ -123,6 +144,9 @@ void TimerUnlinkNode(XelTimerNode* node)
 
 bool TimerLeaveToRun(XelTimerNode* node, TimerTypeData* typeData)
 {
+    if (!g_index.Contains(node)) {
+        return false;
+    }
     TimerBlock* block = BlockOf(node);
     g_index.Remove(node); // no further run begins
     if (block->runs.load(std::memory_order_relaxed) == 0) {
@@ -187,7 +211,7 @@ u32 TimerDelNode(XelTimerNode* node)
 
 bool TimerIsNodeInList(const XelTimerNode* node)
 {
-    return g_index.Contains(node) && BlockOf(node)->isListed != 0;
+    return g_index.Contains(node) ? BlockOf(node)->isListed != 0 : IsForeignInList(node);
 }
 
 // The address is looked up before any field is read, so the handle of a freed timer is harmless.

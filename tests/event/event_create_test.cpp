@@ -1,6 +1,8 @@
 // Creation of an event: what it looks like, and every step failing in turn with nothing left
 // behind.
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <sys/eventfd.h>
 
@@ -283,6 +285,34 @@ TEST_F(EventCreate, NodeOperationsAlone)
     EXPECT_FALSE(EventIsNodeAvailable(node));
     EventDestroyEventNode(node);
     EXPECT_NO_LOG();
+}
+
+// A record that the caller made himself, with nothing of the library's behind it.
+TEST_F(EventCreate, NodeMadeElsewhereIsListedAsWell)
+{
+    struct {
+        XelEventNode node;
+        u8 behind[64];
+    } own[2] = {};
+    memset(own[0].behind, 0xEE, sizeof(own[0].behind));
+    const Event made(*worker_, CountRun, 0);
+    memcpy(static_cast<void*>(&own[1].node), static_cast<const void*>(made.Get()),
+           sizeof(XelEventNode));
+    memset(own[1].behind, 0xEE, sizeof(own[1].behind));
+    for (auto& [node, behind] : own) {
+        node.magic.store(0x45687BED);
+        EXPECT_FALSE(EventIsNodeAvailable(&node));
+        EXPECT_EQ(EventListAddNode(&node), 0U);
+        EXPECT_TRUE(EventIsNodeAvailable(&node));
+        EXPECT_FALSE(EventIsNodeAvailable(&node + 1));
+        EXPECT_TRUE(EventIsNodeAvailable(made.Get()));
+        EXPECT_EQ(g_xelEventList.count, 2U);
+        EXPECT_EQ(EventListDelNode(&node), 0U);
+        EXPECT_FALSE(EventIsNodeAvailable(&node));
+        EXPECT_TRUE(std::all_of(std::begin(behind), std::end(behind),
+                                [](u8 byte) { return byte == 0xEE; }));
+    }
+    EXPECT_EQ(g_xelEventList.count, 1U);
 }
 
 // The result of the name's copy is ignored.

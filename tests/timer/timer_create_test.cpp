@@ -1,8 +1,11 @@
 // Creation of a timer: its record, its descriptor and its task, and every step failing in turn with
 // nothing left behind.
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <fstream>
+#include <sys/timerfd.h>
 
 #include "timer_support.h"
 
@@ -340,6 +343,36 @@ TEST_F(TimerCreate, ListOperationsAlone)
     EXPECT_EQ(probe_.released.load(), 1);
     EXPECT_EQ(TimerDelNode(nullptr), 22U);
     EXPECT_LOG(kTimerSource, kInvalid);
+}
+
+// A record that the caller made himself, with nothing of the library's behind it.
+TEST_F(TimerCreate, NodeMadeElsewhereIsListedAndRunAsWell)
+{
+    struct {
+        XelTimerNode node;
+        u8 behind[64];
+    } own = {};
+    memset(own.behind, 0xEE, sizeof(own.behind));
+    const Fd fd(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
+    own.node.magic.store(0xABCDEFAB);
+    own.node.fd = fd.Get();
+    own.node.mode = XEL_TIMER_MODE_PERIODIC;
+    own.node.callback = RunProbe;
+    own.node.userData = &probe_;
+    EXPECT_FALSE(IsListed(&own.node));
+    TimerAddNode(&own.node);
+    EXPECT_TRUE(IsListed(&own.node));
+    EXPECT_EQ(LiveCount(), 1U);
+    EXPECT_EQ(XEL_TimerResize(&own.node, 1), 0U);
+    Expire(&own.node);
+    EXPECT_EQ(Proc(&own.node), 0U);
+    EXPECT_EQ(probe_.runs.load(), 1);
+    EXPECT_EQ(TimerDelNode(&own.node), 0U);
+    EXPECT_FALSE(IsListed(&own.node));
+    EXPECT_EQ(LiveCount(), 0U);
+    EXPECT_TRUE(std::all_of(std::begin(own.behind), std::end(own.behind),
+                            [](u8 byte) { return byte == 0xEE; }));
+    EXPECT_NO_LOG();
 }
 
 } // namespace
