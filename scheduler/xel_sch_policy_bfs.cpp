@@ -342,17 +342,16 @@ void DropList(SchBfsCtrl* ctrl, XelDll* list)
     }
 }
 
-// Gives back what creation made so far, in reverse order.
+// Gives back what creation made so far.
 void FreeParts(SchBfsCtrl* ctrl, void* slotQueue, void* nodePool, void* eventPool)
 {
-    if (eventPool != nullptr) {
-        FmmCtrlDestroy(eventPool);
-    }
-    if (nodePool != nullptr) {
-        FmmCtrlDestroy(nodePool);
-    }
     if (slotQueue != nullptr) {
         XelQueDestroy(slotQueue);
+    }
+    for (void* pool : {nodePool, eventPool}) {
+        if (pool != nullptr) {
+            FmmCtrlDestroy(pool);
+        }
     }
     XEL_FREE(kBfsLog, ctrl);
 }
