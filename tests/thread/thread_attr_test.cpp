@@ -36,11 +36,14 @@ protected:
         EXPECT_EQ(At<u32>(attr_.Get(), offset), value);
         EXPECT_NO_LOG();
     }
+    // The second value would be refused as well, but the size is looked at first.
     void ExpectWrongSizes(i32 cmd, std::initializer_list<size_t> sizes, const char* reason)
     {
-        const u32 words[8] = {1, 1, 2, 3, 4, 5, 6, 7};
+        const u32 valid[8] = {1, 1, 2, 3, 4, 5, 6, 7};
+        const u32 invalid[8] = {};
         for (const size_t size : sizes) {
-            ExpectRefused(cmd, words, size, 22, Text("%s", reason));
+            ExpectRefused(cmd, valid, size, 22, Text("%s", reason));
+            ExpectRefused(cmd, invalid, size, 22, Text("%s", reason));
         }
     }
 
@@ -85,13 +88,12 @@ TEST_F(ThreadAttrs, FieldsStandAtTheirOffsets)
 // A block that was used before carries nothing over.
 TEST_F(ThreadAttrs, NewRecordIsCleared)
 {
-    for (int round = 0; round < 4; ++round) {
-        ThreadAttr attr(nullptr);
-        for (size_t i = 0; i < 16; ++i) {
-            EXPECT_EQ(attr->name[i], '\0') << round;
-        }
-        EXPECT_EQ(XEL_ThreadSetAttr(attr.Get(), 0, "abcdefghijklmno", 15), 0U);
+    LetBlockBeUsed(1, sizeof(XelThreadAttr));
+    const ThreadAttr attr(nullptr);
+    for (size_t i = 0; i < 16; ++i) {
+        EXPECT_EQ(attr->name[i], '\0') << i;
     }
+    EXPECT_EQ(attr->stackSize, 0U);
 }
 
 TEST_F(ThreadAttrs, CreationWithoutMemoryIsNullAndSilent)
@@ -313,6 +315,16 @@ TEST_F(ThreadAttrs, SimpleThresholdIsANonZeroMultipleOfTen)
                      "Thread set deadloop param attribute, attribute length out of boundary.");
 }
 
+// The monitor refuses it, and nobody looks at that result.
+TEST_F(ThreadAttrs, SimpleThresholdTooLargeForTheMonitorIsTakenWithoutEffect)
+{
+    const u32 value = 4294967290U;
+    const XelThreadAttr before = *attr_.Get();
+    EXPECT_EQ(XEL_ThreadSetAttr(attr_.Get(), XEL_THREAD_ATTR_SIMPLE_THRESHOLD, &value, 4), 0U);
+    EXPECT_EQ(memcmp(&before, attr_.Get(), sizeof(before)), 0);
+    EXPECT_NO_LOG();
+}
+
 TEST_F(ThreadAttrs, PolicyIsBelowTwo)
 {
     ExpectTaken(XEL_THREAD_ATTR_SCHEDULE_POLICY, 0, 48);
@@ -323,11 +335,14 @@ TEST_F(ThreadAttrs, PolicyIsBelowTwo)
                            "(policy type = %d)",
                            static_cast<i32>(policy)));
     }
-    const u64 wide = 0;
-    for (const size_t size : {1U, 3U, 5U, 8U}) {
-        ExpectRefused(
-            XEL_THREAD_ATTR_SCHEDULE_POLICY, &wide, size, 22,
-            WithSize("Thread set schedule policy attribute, attribute length is invalid.", size));
+    // The size is looked at before the value.
+    for (const u64 wide : {u64{0}, u64{7}}) {
+        for (const size_t size : {1U, 3U, 5U, 8U}) {
+            ExpectRefused(
+                XEL_THREAD_ATTR_SCHEDULE_POLICY, &wide, size, 22,
+                WithSize("Thread set schedule policy attribute, attribute length is invalid.",
+                         size));
+        }
     }
 }
 

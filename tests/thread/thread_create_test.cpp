@@ -101,6 +101,43 @@ TEST_F(ThreadCreate, UnknownPolicyIsRefused)
                                kNoScheduler});
 }
 
+// Each attribute has every later fault as well.
+TEST_F(ThreadCreate, StepsRunInTheirOrder)
+{
+    const ThreadAttr attr(nullptr);
+    attr->epollType = 1;
+    attr->policy = 7;
+    attr->epSize = 5000;
+    ExpectRefused(attr.Get(), {"Thread ctrl init, thread name is empty."});
+    attr->name[0] = 'n';
+    ExpectRefused(attr.Get(),
+                  {From(kThreadEpollSource, "Thread epoll init, mesh type is not support."),
+                   "Thread create ctrl, epoll create unsuccessfully. (ret = 0x16)", kNoScheduler});
+    attr->epollType = 0;
+    ExpectRefused(attr.Get(), {"Thread create ctrl, policy init unsuccessfully. (ret = 0xffffffff)",
+                               kNoScheduler});
+}
+
+// Whatever the step itself answered, the whole has one code.
+TEST_F(ThreadCreate, FailedSchedulerLeavesTheRecord)
+{
+    XelThreadCtrl record = {};
+    record.epFd = -1;
+    record.epollType = 1;
+    EXPECT_EQ(SchThreadCtrlCreate(8, &record), kFail);
+    EXPECT_LOG(kThreadSource,
+               From(kThreadEpollSource, "Thread epoll init, mesh type is not support."),
+               "Thread create ctrl, epoll create unsuccessfully. (ret = 0x16)");
+    record.epollType = 0;
+    EXPECT_EQ(SchThreadCtrlCreate(5000, &record), kFail);
+    EXPECT_LOG(
+        kThreadSource,
+        From(kSchSource, "Sch create unsuccessfully, epoll size is too large. (epoll size = 5000)"),
+        "Thread create ctrl, create scheduler unsuccessfully.");
+    EXPECT_EQ(record.epFd, -1);
+    EXPECT_EQ(record.sch, nullptr);
+}
+
 TEST_F(ThreadCreate, EpollSizeAbove4096IsRefused)
 {
     for (const i32 size : {4097, INT_MAX}) {
@@ -257,6 +294,16 @@ TEST_F(ThreadCreate, InitFillsARecord)
     EXPECT_STREQ(record.name, "made");
     EXPECT_EQ(record.policy, 1U);
     EXPECT_EQ(record.epSize, 32U);
+}
+
+TEST_F(ThreadCreate, NameWithoutEndIsCutAtFifteenCharacters)
+{
+    const ThreadAttr attr;
+    memset(attr->name, 'x', sizeof(attr->name));
+    XelThreadCtrl record = {};
+    EXPECT_EQ(ThreadCtrlInit(&record, attr.Get()), 0U);
+    EXPECT_EQ(std::string(record.name), std::string(15, 'x'));
+    EXPECT_NO_LOG();
 }
 
 TEST_F(ThreadCreate, SchedulerBelongsToTheThread)

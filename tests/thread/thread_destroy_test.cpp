@@ -157,6 +157,17 @@ TEST_F(ThreadDestroy, NoEventfdLeavesTheThreadRunning)
     ExpectFails(worker, {"Destroy event create unsuccessful.", kDiscarded});
 }
 
+// Every later fault is there as well.
+TEST_F(ThreadDestroy, EventfdComesFirst)
+{
+    LiveWorker worker;
+    FailNth(Call::Eventfd, 1, -1, EMFILE);
+    FailNth(Call::XelMemAllocF, 1);
+    EXPECT_EQ(SchEventThreadDestory(worker.Get()), kFail);
+    ResetFaults();
+    EXPECT_LOG(kThreadSource, "Destroy event create unsuccessful.", kDiscarded);
+}
+
 TEST_F(ThreadDestroy, NoTaskAttributeLeavesTheThreadRunning)
 {
     LiveWorker worker;
@@ -172,6 +183,16 @@ TEST_F(ThreadDestroy, RefusedTaskAttributeLeavesTheThreadRunning)
                 {From(kTaskSource, "Scheduler set name unsuccessfully, copy name unsuccessfully."),
                  "Thread set task attr unsuccess. (cmd = 3, ret = 4294967295)",
                  "Destroy event attr set unsuccess. (ret = 0xffffffff)", kDiscarded});
+}
+
+// The first refusal ends the settings, and its result is passed on.
+TEST_F(ThreadDestroy, FirstRefusedCommandGivesTheResult)
+{
+    XelThreadCtrl record = {};
+    EXPECT_EQ(SchThreadSetTaskAttr(nullptr, &record), 22U);
+    EXPECT_LOG(kThreadSource, From(kTaskSource, "param taskAttr is NULL"),
+               From(kTaskSource, "scheduler set attribute unsuccessfully, param is invalid."),
+               "Thread set task attr unsuccess. (cmd = 0, ret = 22)");
 }
 
 TEST_F(ThreadDestroy, NoTaskLeavesTheThreadRunning)
@@ -206,6 +227,17 @@ TEST_F(ThreadDestroy, RefusedRegistrationLeavesTheThreadRunning)
          "Destroy event add to epoll unsuccess. (ret = 0xffffffff)", kDiscarded});
 }
 
+// The callback reads from there, and it may run as soon as the task is added.
+TEST_F(ThreadDestroy, DescriptorIsKnownBeforeItsTask)
+{
+    LiveWorker worker;
+    const XelThreadCtrl* thread = worker.Get();
+    int early = -1;
+    RunAtNth(Call::EpollCtl, 1, [&] { early = thread->destroyFd.load(); });
+    worker.Destroy();
+    EXPECT_GE(early, 0);
+}
+
 TEST_F(ThreadDestroy, InterruptedWriteIsRepeated)
 {
     Worker worker;
@@ -238,6 +270,44 @@ TEST_F(ThreadDestroy, FailedWriteCanBeTriedAgain)
         EXPECT_EQ(left->proc, ThreadEventFdProc);
     }
     worker.Destroy();
+    EXPECT_NO_LOG();
+}
+
+TEST_F(ThreadDestroy, FailedWriteIsLoggedWhenItsDescriptorIsGone)
+{
+    LiveWorker worker;
+    const int fd = NextFd();
+    int known = fd;
+    bool open = true;
+    FailNth(Call::EventfdWrite, 1, -1, EIO);
+    xeltest::RunAtNextLine([&] {
+        known = worker->destroyFd.load();
+        open = IsOpen(fd);
+    });
+    EXPECT_EQ(SchEventThreadDestory(worker.Get()), kFail);
+    EXPECT_LOG(kThreadSource, "Destroy eventfd write unsuccessfully. (ret = -1)", kDiscarded);
+    EXPECT_EQ(known, -1);
+    EXPECT_FALSE(open);
+}
+
+// Only the thread that left it behind removes it.
+TEST_F(ThreadDestroy, LeftoverOfAnotherThreadIsLeftAlone)
+{
+    LiveWorker first;
+    LiveWorker second;
+    const int fd = NextFd();
+    FailNth(Call::EventfdWrite, 1, -1, EIO);
+    EXPECT_EQ(SchEventThreadDestory(first.Get()), kFail);
+    EXPECT_LOG(kThreadSource, "Destroy eventfd write unsuccessfully. (ret = -1)", kDiscarded);
+    const SchTaskCtrl* left = SchTaskGetHandleByAppFd(fd);
+    ASSERT_NE(left, nullptr);
+    EXPECT_EQ(SchEventThreadDestory(second.Get()), kFail);
+    EXPECT_EQ(LogCount(Text("Task fd has already create task. (fd = %d)", fd)), 1U);
+    DropLog();
+    EXPECT_EQ(SchTaskGetHandleByAppFd(fd), left);
+    EXPECT_EQ(left->data, reinterpret_cast<u64>(first.Get()));
+    first.Destroy();
+    second.Destroy();
     EXPECT_NO_LOG();
 }
 
@@ -303,6 +373,20 @@ TEST_F(ThreadDestroy, DestroyEventIsEdgeTriggeredAndFirstInLine)
     SchThreadCtrlFree(thread);
     EXPECT_FALSE(IsOpen(fd));
     EXPECT_EQ(SchTaskGetHandleByAppFd(fd), nullptr);
+}
+
+// Whoever sees the end of the monitoring sees the end of the loop.
+TEST_F(ThreadDestroy, ThreadSaysThatItsLoopEndedBeforeItsMonitoringEnds)
+{
+    LiveWorker worker;
+    XelThreadCtrl* thread = worker.Release();
+    std::atomic<i64> exited{-1};
+    RunAtNth(Call::XelDeadloopMonUnreg, 1, [&] { exited.store(thread->exited.load()); });
+    ASSERT_EQ(SchThreadTriggerDestroyEvent(thread), 0U);
+    EXPECT_TRUE(AwaitTrue([&exited] { return exited.load() != -1; }));
+    EXPECT_EQ(exited.load(), 1);
+    EXPECT_TRUE(AwaitGone("worker"));
+    SchThreadCtrlFree(thread);
 }
 
 // The thread's side reads 8 bytes, and only when the mask says so.
@@ -386,6 +470,43 @@ TEST_F(ThreadDestroy, FreeGivesBackARecordThatWasNeverListed)
     EXPECT_EQ(g_xelThreadCtrlMng.count, listed_ - 1);
     g_xelThreadCtrlMng.count = listed_;
     EXPECT_NO_LOG();
+}
+
+// The destroy event of the scheduler is the second one; by then the thread's own is given back.
+TEST_F(ThreadDestroy, ThreadIsListedUntilItsSchedulerIsGone)
+{
+    LiveWorker worker;
+    const XelThreadCtrl* thread = worker.Get();
+    u32 listed = 0;
+    bool open = true;
+    RunAtNth(Call::Eventfd, 2, [&] {
+        listed = g_xelThreadCtrlMng.count;
+        open = IsOpen(thread->destroyFd.load());
+    });
+    worker.Destroy();
+    EXPECT_EQ(listed, listed_ + 1);
+    EXPECT_FALSE(open);
+}
+
+TEST_F(ThreadDestroy, ListChangesUnderItsLockForWriting)
+{
+    XelThreadCtrl record = {};
+    Held held = Held::Not;
+    u32 listed = 0;
+    const auto look = [&] {
+        held = HoldOf(g_xelThreadCtrlMng.lock);
+        listed = g_xelThreadCtrlMng.count;
+    };
+    const AnyCaller any; // the unlock may be the last act of the calls
+    RunAtNth(Call::PthreadRwlockUnlock, 1, look);
+    ThreadAddCtrlNode(&record);
+    EXPECT_EQ(held, Held::ForWriting);
+    EXPECT_EQ(listed, listed_ + 1);
+    held = Held::Not;
+    RunAtNth(Call::PthreadRwlockUnlock, 1, look);
+    ThreadRmCtrlNode(&record);
+    EXPECT_EQ(held, Held::ForWriting);
+    EXPECT_EQ(listed, listed_);
 }
 
 TEST_F(ThreadDestroy, ListOperationsLinkAndUnlink)

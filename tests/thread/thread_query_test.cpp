@@ -188,4 +188,39 @@ TEST_F(ThreadQuery, FilterFindsTheThreadOfADescriptor)
     EXPECT_EQ(info.name, nullptr);
 }
 
+// Even when a later one in the list has the descriptor too.
+TEST_F(ThreadQuery, FilterStopsAtItsFirstMatch)
+{
+    const ThreadAttr attr;
+    XelThreadCtrl records[2] = {};
+    for (XelThreadCtrl& record : records) {
+        ASSERT_EQ(ThreadCtrlInit(&record, attr.Get()), 0U);
+        record.epFd = 77;
+        ThreadAddCtrlNode(&record);
+    }
+    XelSchDeployInfo infos[2] = {};
+    u32 count = 2;
+    EXPECT_EQ(THREAD_GetSchDeployInfo(77, infos, &count), 0U);
+    EXPECT_EQ(count, 1U);
+    EXPECT_EQ(infos[0].name, records[1].name);
+    EXPECT_EQ(infos[1].name, nullptr);
+    for (XelThreadCtrl& record : records) {
+        ThreadRmCtrlNode(&record);
+    }
+}
+
+// Several may ask at once.
+TEST_F(ThreadQuery, QuestionsHoldTheListForReading)
+{
+    const Held byContext =
+        HeldAtUnlock(g_xelThreadCtrlMng.lock, [] { EXPECT_EQ(XEL_ThreadGetCtxHandle(), nullptr); });
+    EXPECT_EQ(byContext, Held::ForReading);
+    XelSchDeployInfo info = {};
+    u32 count = 1;
+    const Held byDeployment = HeldAtUnlock(g_xelThreadCtrlMng.lock, [&] {
+        EXPECT_EQ(THREAD_GetSchDeployInfo(-1, &info, &count), 0U);
+    });
+    EXPECT_EQ(byDeployment, Held::ForReading);
+}
+
 } // namespace

@@ -220,6 +220,19 @@ TEST_F(ThreadRun, FailedWaitsDoNotEndTheLoop)
     EXPECT_EQ(TakeSleeps(), (std::vector<u32>{1, 1}));
 }
 
+// The destroy event counts one by one, so no other value is an exit.
+TEST_F(ThreadRun, OnlyAnExitValueOfOneEndsTheLoop)
+{
+    Worker worker;
+    for (const u64 value : {u64{2}, u64{UINT64_MAX}}) {
+        worker->exitValue.store(value);
+        worker.Run([] {});
+        worker.Run([] {}); // the value was looked at in between
+        EXPECT_EQ(worker->exited.load(), 0U);
+    }
+    worker->exitValue.store(0);
+}
+
 TEST_F(ThreadRun, EachCallbackIsMarkedForTheMonitor)
 {
     Worker worker;

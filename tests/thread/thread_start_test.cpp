@@ -54,6 +54,7 @@ TEST_F(ThreadStart, StackSizeBelowTheMinimumStopsTheThread)
 {
     ThreadAttr attr("stillborn");
     attr.Set(XEL_THREAD_ATTR_STACK_SIZE, 1);
+    FailAll(Call::XelDeadloopMonReg); // comes later
     ExpectStillborn(attr, {"Thread set stack size unsuccessfully. (ret = 22)",
                            "Thread proc, set stack size unsuccessfully."});
     ExpectGoesOn();

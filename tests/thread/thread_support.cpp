@@ -9,6 +9,8 @@
 #include <unistd.h>
 #include <utility>
 
+#include "xel_mem.h"
+
 namespace threadtest
 {
 
@@ -189,6 +191,37 @@ std::string Registration(int epFd, int fd)
         }
     }
     return "";
+}
+
+Held HoldOf(pthread_rwlock_t& lock)
+{
+    Held held = Held::ForWriting;
+    if (pthread_rwlock_trywrlock(&lock) == 0) {
+        held = Held::Not;
+    } else if (pthread_rwlock_tryrdlock(&lock) == 0) {
+        held = Held::ForReading;
+    }
+    if (held != Held::ForWriting) {
+        EXPECT_EQ(pthread_rwlock_unlock(&lock), 0);
+    }
+    return held;
+}
+
+Held HeldAtUnlock(pthread_rwlock_t& lock, const std::function<void()>& body)
+{
+    Held held = Held::Not;
+    RunAtNth(Call::PthreadRwlockUnlock, 1, [&] { held = HoldOf(lock); });
+    const xeltest::AnyCaller any; // the unlock may be the last act of the call
+    body();
+    return held;
+}
+
+void LetBlockBeUsed(u64 nth, size_t size)
+{
+    void* block = XEL_MemAllocF(size, "thread_support", 1, 0);
+    ASSERT_NE(block, nullptr);
+    memset(block, 0xAA, size);
+    FailNth(Call::XelMemAllocF, nth, reinterpret_cast<intptr_t>(block));
 }
 
 void ThreadTest::SetUp()

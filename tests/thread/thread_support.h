@@ -11,6 +11,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include "common/xel_int.h"
 #include "scheduler/xel_scheduler_inner.h"
@@ -129,6 +130,15 @@ bool AwaitGone(const std::string& name);
 // Mask and data of a descriptor in an epoll instance, as the kernel tells them; "" when it is not
 // registered.
 std::string Registration(int epFd, int fd);
+
+// How a lock is held, by whom ever; the caller tries it.
+enum class Held { Not, ForReading, ForWriting };
+Held HoldOf(pthread_rwlock_t& lock);
+// The same at the library's first unlock that body leads to.
+Held HeldAtUnlock(pthread_rwlock_t& lock, const std::function<void()>& body);
+
+// The nth block from now that the library asks for has been used before: no byte of it is 0.
+void LetBlockBeUsed(u64 nth, size_t size);
 
 // Fixture: leaves the process as found, and the list of threads with it.
 class ThreadTest : public xeltest::CleanProcess
