@@ -90,6 +90,14 @@ TEST_F(EventCreate, NoEventfdIsRefused)
     ExpectRefused({"Event create fd unsuccessfully. (errno = 24)"});
 }
 
+TEST_F(EventCreate, EventfdComesBeforeTheNode)
+{
+    FailNth(Call::Eventfd, 1, -1, EMFILE);
+    FailNth(Call::XelMemAllocF, 1);
+    ExpectRefused({"Event create fd unsuccessfully. (errno = 24)"});
+    ResetFaults();
+}
+
 TEST_F(EventCreate, NoNodeIsRefused)
 {
     FailNth(Call::XelMemAllocF, 1);
@@ -121,6 +129,16 @@ TEST_F(EventCreate, RefusedTaskAttributeIsRefused)
         {From(kTaskSource, "Scheduler set name unsuccessfully, copy name unsuccessfully."),
          "Eventfd task attr set param unsuccessfully. (ret = 0xffffffff)", NotAdded(kFail)});
     EXPECT_EQ(Calls(Call::EpollCtl), 2U); // the fixture's add and delete
+}
+
+// The first refusal ends the settings, and its result is passed on.
+TEST_F(EventCreate, FirstRefusedCommandGivesTheResult)
+{
+    XelEventNode node = {};
+    EXPECT_EQ(EventSetTaskAttr(nullptr, &node), 22U);
+    EXPECT_LOG(kEventSource, From(kTaskSource, "param taskAttr is NULL"),
+               From(kTaskSource, "scheduler set attribute unsuccessfully, param is invalid."),
+               "Eventfd task attr set param unsuccessfully. (ret = 0x16)");
 }
 
 TEST_F(EventCreate, DamagedThreadIsRefusedByTheThreadOperation)
@@ -187,6 +205,25 @@ TEST_F(EventCreate, NodeHoldsTheAttributes)
     EXPECT_EQ(sizeof(XelEventNode), 72U);
     XEL_EventDestroy(event);
     EXPECT_NO_LOG();
+}
+
+TEST_F(EventCreate, NameWithoutEndIsCutAtFifteenCharacters)
+{
+    memset(attr_->name, 'x', sizeof(attr_->name));
+    XelEventNode* event = XEL_EventCreate(worker_->Get(), attr_.Get());
+    ASSERT_NE(event, nullptr);
+    EXPECT_EQ(std::string(event->name), std::string(15, 'x'));
+    XEL_EventDestroy(event);
+    EXPECT_NO_LOG();
+}
+
+// The callback may run as soon as the thread knows the event, and looks for it in the list.
+TEST_F(EventCreate, EventIsListedBeforeItsThreadKnowsIt)
+{
+    u32 listed = 0;
+    RunAtNth(Call::EpollCtl, 1, [&listed] { listed = g_xelEventList.count; });
+    const Event event(*worker_, CountRun, 0);
+    EXPECT_EQ(listed, 1U);
 }
 
 TEST_F(EventCreate, FieldsStandAtTheirOffsets)
@@ -321,6 +358,7 @@ TEST_F(EventCreate, FailedNameCopyIsIgnored)
     FailNth(Call::StrncpyS, 1);
     XelEventNode* event = XEL_EventCreate(worker_->Get(), attr_.Get());
     ASSERT_NE(event, nullptr);
+    EXPECT_EQ(Hits(), 1U);
     XEL_EventDestroy(event);
     EXPECT_NO_LOG();
 }

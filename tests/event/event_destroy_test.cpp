@@ -1,5 +1,6 @@
 // Destruction of an event: refusals, what is given back, and destruction beside running callbacks.
 #include <cerrno>
+#include <utility>
 
 #include "event_support.h"
 
@@ -107,9 +108,14 @@ TEST_F(EventDestroy, NodeIsNotFreedWithoutTheLock)
     EXPECT_EQ(Calls(Call::XelMemFreeF), frees);
     EXPECT_EQ(node->magic.load(), 0x45687BEDU);
     u32 magic = 1;
-    RunAtNth(Call::XelMemFreeF, 1, [&] { magic = node->magic.load(); });
+    Held held = Held::Not;
+    RunAtNth(Call::XelMemFreeF, 1, [&] {
+        magic = node->magic.load();
+        held = HoldOf(g_xelEventList.lock);
+    });
     EventDestroyEventNode(node);
     EXPECT_EQ(magic, 0U);
+    EXPECT_EQ(held, Held::ForWriting);
     EXPECT_EQ(Calls(Call::XelMemFreeF), frees + 1);
 }
 
@@ -141,6 +147,29 @@ TEST_F(EventDestroy, NegativeDescriptorIsNotClosed)
     DropLog();
     EXPECT_TRUE(IsOpen(fd));
     const Fd toClose(fd);
+}
+
+TEST_F(EventDestroy, DescriptorZeroIsClosed)
+{
+    Event event(*worker_, runs_);
+    const Fd real(std::exchange(event->fd, 0));
+    ASSERT_EQ(DelFd(worker_->Get(), real.Get()), 0U);
+    const u64 closed = Calls(Call::Close);
+    FailNth(Call::Close, 1, 0); // the process keeps its own
+    event.Destroy();
+    EXPECT_EQ(Calls(Call::Close), closed + 1);
+    EXPECT_EQ(LogCount("Event delete from epoll unsuccessfully. (ret = 0xffffffff)"), 1U);
+    DropLog();
+}
+
+// A second destroyer, or a callback just beginning, is refused from then on.
+TEST_F(EventDestroy, HandleIsInvalidBeforeItsThreadForgetsIt)
+{
+    Event event(*worker_, runs_);
+    u32 listed = 1;
+    RunAtNth(Call::EpollCtl, 1, [&listed] { listed = g_xelEventList.count; });
+    event.Destroy();
+    EXPECT_EQ(listed, 0U);
 }
 
 // Notifications that did not run yet are dropped with the event.

@@ -55,6 +55,15 @@ TEST_F(EventNotify, NegativeDescriptorIsRefusedSilently)
     EXPECT_NO_LOG();
 }
 
+TEST_F(EventNotify, DescriptorZeroIsWritten)
+{
+    LooseNode loose(0);
+    FailNth(Call::EventfdWrite, 1, 0);
+    EXPECT_EQ(XEL_EventNotify(&loose.node), 0U);
+    EXPECT_EQ(Calls(Call::EventfdWrite), 1U);
+    EXPECT_NO_LOG();
+}
+
 TEST_F(EventNotify, InterruptedWriteIsRepeated)
 {
     const Fd fd = Fd::Event();

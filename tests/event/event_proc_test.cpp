@@ -1,8 +1,10 @@
 // What the scheduler runs for an event: the checks of the node, the read, the callback's result and
 // the report of a slow callback.
 #include <cerrno>
+#include <cstdlib>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <utility>
 
 #include "event_support.h"
 #include "xel_clock.h"
@@ -18,6 +20,27 @@ namespace
 {
 
 using namespace eventtest;
+
+// What lies below the caller's frame holds no 0 afterwards, so that the frame of its next call does
+// not begin cleared by luck.
+__attribute__((noinline)) void DirtyStack()
+{
+    volatile char bytes[4096];
+    for (volatile char& byte : bytes) {
+        byte = 'x';
+    }
+}
+
+// What backtrace_symbols() gives for an address outside every module; its caller frees it.
+char** SymbolsOfNowhere()
+{
+    constexpr char kText[] = "[0x7f00]";
+    auto** symbols = static_cast<char**>(malloc(sizeof(char*) + sizeof(kText)));
+    EXPECT_NE(symbols, nullptr);
+    symbols[0] = reinterpret_cast<char*>(symbols + 1);
+    memcpy(symbols[0], kText, sizeof(kText));
+    return symbols;
+}
 
 std::string Slow(const XelEventNode* event, const char* func, u64 start, u64 elapsed)
 {
@@ -144,6 +167,43 @@ TEST_F(EventProc, CopyHoldsTheWholeNode)
     EXPECT_LOG(kEventSource, "Eventfd node invalid.");
 }
 
+TEST_F(EventProc, DescriptorZeroIsRead)
+{
+    const Event event(*worker_, runs_);
+    XelEventNode* node = event.Get();
+    const i32 fd = std::exchange(node->fd, 0);
+    FailNth(Call::EventfdRead, 1, 0);
+    EXPECT_EQ(Proc(node), 0U);
+    node->fd = fd;
+    EXPECT_EQ(runs_.load(), 1U);
+    EXPECT_NO_LOG();
+}
+
+// So callbacks of several threads get their copies at once.
+TEST_F(EventProc, CopyHoldsTheListForReading)
+{
+    const Event event(*worker_, runs_);
+    event.Notify();
+    const Held byProc =
+        HeldAtUnlock(g_xelEventList.lock, [&] { EXPECT_EQ(Proc(event.Get()), 0U); });
+    EXPECT_EQ(byProc, Held::ForReading);
+    EventCopy copy = {};
+    const Held byCopy = HeldAtUnlock(
+        g_xelEventList.lock, [&] { EXPECT_EQ(SchEventGetUserInfo(event.Get(), &copy), 0U); });
+    EXPECT_EQ(byCopy, Held::ForReading);
+}
+
+// Nobody closes the descriptor between the look at the node and the read.
+TEST_F(EventProc, ReadHoldsTheListToo)
+{
+    const Event event(*worker_, runs_);
+    event.Notify();
+    Held held = Held::Not;
+    RunAtNth(Call::EventfdRead, 1, [&held] { held = HoldOf(g_xelEventList.lock); });
+    EXPECT_EQ(Proc(event.Get()), 0U);
+    EXPECT_EQ(held, Held::ForReading);
+}
+
 TEST_F(EventProc, FailedReadIsLogged)
 {
     const Event event(*worker_, CountRun, DataOf(runs_), "unread");
@@ -156,6 +216,7 @@ TEST_F(EventProc, FailedReadIsLogged)
     EXPECT_LOG(kEventSource,
                Text("Eventfd %d read unsuccessfully, name = unread, errno = 5.", event->fd));
     EXPECT_EQ(runs_.load(), 0U);
+    EXPECT_EQ(Calls(Call::SystimeGetMilliSec), 0U);
 }
 
 TEST_F(EventProc, ResultOfTheCallbackIsPassedOnAndLogged)
@@ -217,6 +278,27 @@ TEST_F(EventProc, TimeRunsWhileTheCallbackRuns)
         << lines[0].text;
 }
 
+TEST_F(EventProc, TimeOfTheReadIsNotTheCallbacks)
+{
+    const Event event(*worker_, xel_slow, 0, "quick");
+    event.Notify();
+    ScriptMilliSec({5000});
+    RunAtNth(Call::EventfdRead, 1, [] { ScriptMilliSec({5400}); });
+    EXPECT_EQ(Proc(event.Get()), 0U);
+    EXPECT_NO_LOG();
+}
+
+TEST_F(EventProc, TimeOfTheFailuresLineIsTheCallbacks)
+{
+    const Event event(*worker_, xel_slow, 9, "both");
+    event.Notify();
+    ScriptMilliSec({1});
+    xeltest::RunAtNextLine([] { ScriptMilliSec({401}); });
+    EXPECT_EQ(Proc(event.Get()), 9U);
+    EXPECT_LOG(kEventSource, Unsuccessful(event.Get(), 9),
+               Warning(Slow(event.Get(), "xfl`smox", 1, 400)));
+}
+
 TEST_F(EventProc, SlowAndFailingCallbackHasBothLines)
 {
     const Event event(*worker_, xel_slow, 9, "both");
@@ -233,6 +315,18 @@ TEST_F(EventProc, FailedNameLookupPrintsAnEmptyName)
     event.Notify();
     ScriptMilliSec({1, 401});
     FailNth(Call::BacktraceSymbols, 1);
+    EXPECT_EQ(Proc(event.Get()), 0U);
+    EXPECT_LOG(kEventSource, Warning(Slow(event.Get(), "", 1, 400)));
+}
+
+// Such a text leaves the buffer of the name as it is.
+TEST_F(EventProc, SymbolWithoutANamePrintsAnEmptyName)
+{
+    const Event event(*worker_, xel_slow, 0, "nameless");
+    event.Notify();
+    ScriptMilliSec({1, 401});
+    FailNth(Call::BacktraceSymbols, 1, reinterpret_cast<intptr_t>(SymbolsOfNowhere()));
+    DirtyStack();
     EXPECT_EQ(Proc(event.Get()), 0U);
     EXPECT_LOG(kEventSource, Warning(Slow(event.Get(), "", 1, 400)));
 }
@@ -265,6 +359,8 @@ TEST_F(EventProc, FailedReadLockIsNotLookedAt)
              [] { EXPECT_EQ(pthread_rwlock_rdlock(&g_xelEventList.lock), 0); });
     FailNth(Call::PthreadRwlockRdlock, 1, EAGAIN);
     EXPECT_EQ(Proc(event.Get()), 0U);
+    EXPECT_EQ(Hits(), 1U);
+    ResetFaults(); // a hook that did not run must not lock later
     EXPECT_EQ(runs_.load(), 1U);
     EXPECT_NO_LOG();
 }
