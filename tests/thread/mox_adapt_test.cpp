@@ -297,6 +297,37 @@ TEST_F(MoxAdapt, LargerCountReplacesTheBuffer)
     }
 }
 
+TEST_F(MoxAdapt, NewBufferIsCleared)
+{
+    u64 nth = 2; // the first block is the record
+    for (const i32 count : {5, 9}) {
+        LetBlockBeUsed(nth, static_cast<size_t>(count) * 32);
+        const auto* bytes = reinterpret_cast<const u8*>(ThreadMoxEventsPrepare(count));
+        ASSERT_NE(bytes, nullptr);
+        for (i32 i = 0; i < count * 32; ++i) {
+            ASSERT_EQ(bytes[i], 0) << count << ' ' << i;
+        }
+        nth = 1;
+    }
+}
+
+TEST_F(MoxAdapt, WaitTakesNoLock)
+{
+    struct epoll_event event = {};
+    constexpr Call locks[] = {Call::PthreadMutexLock, Call::PthreadRwlockRdlock,
+                              Call::PthreadRwlockWrlock};
+    u64 before = 0;
+    u64 after = 0;
+    for (const Call lock : locks) {
+        before += CallsHere(lock);
+    }
+    EXPECT_EQ(THREAD_MoxEpollWaitAdapt(epFd_.Get(), &event, 1, 0), 0);
+    for (const Call lock : locks) {
+        after += CallsHere(lock);
+    }
+    EXPECT_EQ(after, before);
+}
+
 TEST_F(MoxAdapt, NoMemoryForTheRecordIsRefused)
 {
     struct epoll_event event = {};

@@ -142,6 +142,20 @@ TEST_F(MoxLoad, SeveralThreadsLoadOnce)
     EXPECT_NO_LOG();
 }
 
+TEST_F(MoxLoad, LoadWaitsForTheMutex)
+{
+    ASSERT_EQ(pthread_mutex_lock(&g_xelMoxEpollCtl.mutex), 0);
+    const u64 locks = Calls(Call::PthreadMutexLock);
+    Runner loader([] { EXPECT_EQ(THREAD_HookMoxEpollFunc(), 0U); });
+    EXPECT_TRUE(
+        AwaitTrue([&] { return Calls(Call::PthreadMutexLock) > locks || loader.HasEnded(); }));
+    EXPECT_FALSE(loader.HasEnded());
+    EXPECT_EQ(Opened(), 0U);
+    EXPECT_EQ(pthread_mutex_unlock(&g_xelMoxEpollCtl.mutex), 0);
+    loader.Join();
+    EXPECT_EQ(Opened(), 1U);
+}
+
 // The real search, in a process of its own with the search path set.
 TEST(MoxSearch, LibraryIsFoundByItsName)
 {
