@@ -12,15 +12,26 @@ extern "C" __attribute__((visibility("default"))) u32 abcdef(struct epoll_event*
 {
     return 0;
 }
-extern "C" __attribute__((visibility("default"))) void
-a_function_with_a_name_of_more_than_thirty_one_characters()
+extern "C" __attribute__((visibility("default"))) u32
+a_function_with_a_name_of_more_than_thirty_one_characters(struct epoll_event*, u64)
 {
+    return 0;
 }
 
 namespace
 {
 
 constexpr u32 kFailed = 0xFFFFFFFFU;
+
+// What lies below the caller's frame holds no 0 afterwards, so that the frame of its next call does
+// not begin cleared by luck.
+__attribute__((noinline)) void DirtyStack()
+{
+    volatile char bytes[4096];
+    for (volatile char& byte : bytes) {
+        byte = 'x';
+    }
+}
 
 class DbgName : public CleanProcess
 {
@@ -52,6 +63,15 @@ TEST_F(DbgName, NameIsCutAtTheSize)
     EXPECT_EQ(Deal("(abcdef+0x10)", 2), "a");
     EXPECT_EQ(Deal("(abcdef+0x10)", 4), "acc");
     EXPECT_EQ(Deal("(abcdef+0x10)", 7), "acceeg");
+}
+
+TEST_F(DbgName, NulWithinTheNameDoesNotEndIt)
+{
+    const char symbol[] = "lib.so(ab\0\0d+0x10)";
+    char buf[32];
+    memset(buf, '#', sizeof(buf));
+    EXPECT_EQ(SchFuncNameDeal(buf, sizeof(buf), symbol), 0U);
+    EXPECT_EQ(std::string(buf, 7), std::string("ac\0\1d\0#", 7));
 }
 
 TEST_F(DbgName, SymbolWithoutParenthesisLeavesTheBuffer)
@@ -161,6 +181,18 @@ TEST_F(Monitor, RunWithoutCallbackPrintsTheTimeoutOnly)
     EXPECT_LOG(kMonitorSource, Warning("Proc time timeout. (epFd = 9)"));
 }
 
+TEST_F(Monitor, NameIsCutAtThirtyOneCharacters)
+{
+    SchTaskTraceInfo trace =
+        tasktest::TraceOf(a_function_with_a_name_of_more_than_thirty_one_characters);
+    trace.procTime = 400000;
+    SchCheckTaskException(9, &trace);
+    EXPECT_LOG(kMonitorSource, Warning("Proc time timeout. (epFd = 9)"),
+               Detail("fd:12, procFunc:a`fvndtjoo_xiuh`a`nbmf_pf`mprf_, name:tracedtask, type:1, "
+                      "prio:2, insertTime:4, startTime:5,endTime:6, procTime:400000, eventLeft:3"));
+}
+
+// An address outside every module leaves the buffer of the name as it is.
 TEST_F(Monitor, FailedNameIsPrintedEmpty)
 {
     SchTaskTraceInfo trace = tasktest::TraceOf(abcdef);
@@ -173,6 +205,7 @@ TEST_F(Monitor, FailedNameIsPrintedEmpty)
     EXPECT_LOG(kMonitorSource, Warning("Proc time timeout. (epFd = 9)"), detail);
     const uintptr_t nowhere = 8;
     memcpy(&trace.procFunc, &nowhere, sizeof(nowhere));
+    DirtyStack();
     SchCheckTaskException(9, &trace);
     EXPECT_LOG(kMonitorSource, Warning("Proc time timeout. (epFd = 9)"), detail);
 }

@@ -151,8 +151,8 @@ TEST_F(Dbg, DeregistrationSilencesEveryWrapper)
     EXPECT_NO_LOG();
 }
 
-// The slots are cleared, so that an old one does not show through a table that leaves it empty.
-TEST_F(Dbg, DeregistrationForgetsTheSlots)
+// An old slot does not show through a later table that leaves it empty.
+TEST_F(Dbg, LaterTableReplacesEverySlot)
 {
     SCH_RegisterDbgHookTable(&kHooks);
     SCH_DeregisterDbgHookTable();
