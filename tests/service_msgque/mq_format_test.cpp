@@ -1,37 +1,13 @@
-// Which format each log line of both message queues is made from, to the letter: the platform's log
-// groups lines by it. The log recorder measures every line with vsnprintf; this program puts a
-// function of its own in front of that (--wrap) and notes the formats.
+// Which format each log line of both message queues is made from, to the letter.
 #include <cerrno>
-#include <cstdarg>
-#include <cstdio>
 
 #include "service_support.h"
+#include "support/format_notes.h"
+
+namespace
+{
 
 using namespace servicetest;
-
-namespace
-{
-
-std::mutex g_mutex; // guards g_formats
-std::vector<std::string> g_formats;
-
-} // namespace
-
-extern "C" int __real_vsnprintf(char* out, size_t size, const char* format, va_list arguments);
-extern "C" int __wrap_vsnprintf(char* out, size_t size, const char* format, va_list arguments);
-
-// Without a buffer it is the recorder that measures.
-int __wrap_vsnprintf(char* out, size_t size, const char* format, va_list arguments)
-{
-    if (out == nullptr) {
-        const std::lock_guard guard(g_mutex);
-        g_formats.emplace_back(format);
-    }
-    return __real_vsnprintf(out, size, format, arguments);
-}
-
-namespace
-{
 
 class MqFormat : public ServiceMqTest
 {
@@ -43,7 +19,6 @@ protected:
         service_ = std::make_unique<Service>("taken", *worker_, 2);
         mq_ = QueueOf("taken");
         held_ = std::make_unique<HeldWorker>(*worker_);
-        Forget();
     }
     void TearDown() override
     {
@@ -56,26 +31,8 @@ protected:
     // What body logs is made from these formats; lines of the event below are left out.
     static void Expect(const std::vector<std::string>& formats, const std::function<void()>& body)
     {
-        Forget();
-        body();
-        xeltest::ResetFaults();
-        std::vector<std::string> own;
-        const std::vector<xeltest::LogLine> lines = xeltest::TakeLog();
-        const std::lock_guard guard(g_mutex);
-        ASSERT_EQ(lines.size(), g_formats.size());
-        for (size_t i = 0; i < lines.size(); ++i) {
-            if (lines[i].file != xeltest::kEventSource.file) {
-                own.push_back(g_formats[i]);
-            }
-        }
-        EXPECT_EQ(own, formats);
-    }
-    static void Forget()
-    {
-        xeltest::ResetFaults();
-        xeltest::DropLog();
-        const std::lock_guard guard(g_mutex);
-        g_formats.clear();
+        EXPECT_EQ(xeltest::FormatsOf({kLightMqSource, kServiceMqSource, kServiceMqMngSource}, body),
+                  formats);
     }
     XelLightMq* Queue() const { return mq_->queue; }
     u32 Create() const
@@ -180,7 +137,8 @@ TEST(MqFormatFresh, FailingTable)
         xeltest::FailNth(Call::XelHashDllTblCreate, 1);
         ServiceMqInit();
         EXPECT_LOG(kServiceMqMngSource, "Service mq init unsuccessfully.");
-        EXPECT_EQ(g_formats, (std::vector<std::string>{"Service mq init unsuccessfully."}));
+        EXPECT_EQ(xeltest::TakeFormats(),
+                  (std::vector<std::string>{"Service mq init unsuccessfully."}));
     });
 }
 
