@@ -157,6 +157,16 @@ TEST_F(LightMqFault, ReadThatCannotUnlockFails)
     EXPECT_EQ(consumer_->Used(), 0U);
 }
 
+TEST_F(LightMqFault, ErrorOfTheQueueIsTheResultOfARead)
+{
+    u32 value = 77;
+    xeltest::FailNth(Call::XelFlexibleQueDequeue, 1, 0x33);
+    EXPECT_EQ(XelLightMqRead(Queue(), &value), 0x33U);
+    EXPECT_EQ(value, 77U);
+    EXPECT_NO_LOG();
+    ExpectOnlyTheFirstInside();
+}
+
 TEST_F(LightMqFault, AnswersStandWhenTheUnlockFails)
 {
     FailUnlock(Mutex());

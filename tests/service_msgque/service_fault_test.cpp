@@ -124,9 +124,13 @@ TEST_F(ServiceMqFault, TablesErrorIsTheResult)
     Worker worker;
     const HeldWorker held(worker);
     xeltest::FailNth(Call::XelHashDllEntryAdd, 1, 0x1234);
+    const u64 before = xeltest::Measure().blocks;
+    u64 atLine = 0;
+    xeltest::RunAtNextLine([&atLine] { atLine = xeltest::Measure().blocks; });
     ExpectRefused(
         worker, 0x1234,
         {InMng("Service mq add to hash unsuccessfully. (service = broken, ret = 0x1234)")});
+    EXPECT_EQ(atLine, before); // the queue is gone when the failure is told
 }
 
 // The copy of the name into the entry is the last one of a creation.
@@ -155,7 +159,10 @@ TEST_F(ServiceMqFault, FailedStepsOfASendLeaveNothing)
     EXPECT_EQ(Send("audit", "b"), 12U);
     EXPECT_NO_LOG();
     xeltest::FailNth(Call::StrncpyS, 1, ERANGE);
+    u64 atLine = 0;
+    xeltest::RunAtNextLine([&atLine] { atLine = xeltest::Measure().blocks; });
     EXPECT_EQ(Send("audit", "b"), 22U);
+    EXPECT_EQ(atLine, before.blocks); // the copy is gone when the failure is told
     EXPECT_LOG(kServiceMqSource, "Service mq send unsuccessfully. (ret = 34)");
     xeltest::FailNth(Call::XelFlexibleQueEnqueue, 1, 0x77);
     EXPECT_EQ(Send("audit", "b"), 0x77U);
@@ -203,6 +210,20 @@ TEST_F(ServiceMqFault, WakeUpWithoutMessageIsAnError)
     EXPECT_EQ(ServiceMqCbWrapper(reinterpret_cast<u64>(QueueOf("audit"))), kFail);
     EXPECT_LOG(kServiceMqSource, "Service mq read msg unsuccessfully. (ret = 0xffffffff)");
     EXPECT_EQ(service.count, 0U);
+}
+
+TEST_F(ServiceMqFault, ErrorOfTheQueueIsTheResultOfAWakeUp)
+{
+    Worker worker;
+    Service service("audit", worker, 3);
+    const HeldWorker held(worker);
+    EXPECT_EQ(Send("audit", "b"), 0U);
+    xeltest::FailNth(Call::XelFlexibleQueDequeue, 1, 0x33);
+    EXPECT_EQ(ServiceMqCbWrapper(reinterpret_cast<u64>(QueueOf("audit"))), 0x33U);
+    EXPECT_LOG(kServiceMqSource, "Service mq read msg unsuccessfully. (ret = 0x33)");
+    EXPECT_EQ(service.count, 0U);
+    EXPECT_EQ(service.Waiting(), 1U);
+    service.Destroy();
 }
 
 // As it happens: the message is gone when its wake-up comes.

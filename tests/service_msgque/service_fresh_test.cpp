@@ -15,6 +15,8 @@ TEST(ServiceMqFresh, NothingIsKnownBeforeTheFirstService)
 {
     XELTEST_IN_FRESH_PROCESS([] {
         EXPECT_EQ(Send("session", "x"), kFail);
+        EXPECT_EQ(Send("session", ""), 22U); // a body of no bytes
+        EXPECT_EQ(XEL_ServiceMqSendMsg("session", nullptr), 22U);
         EXPECT_EQ(XEL_ServiceMqGetMsgNum("session"), kFail);
         EXPECT_EQ(XEL_ServiceMqGetMsgNum(std::string(32, 'n').c_str()), kFail);
         XEL_ServiceMqDestroy("session");
@@ -37,7 +39,9 @@ TEST(ServiceMqFresh, OnlyAnAcceptableCreationMakesTheTable)
         EXPECT_EQ(XEL_ServiceMqCreate("first", &config, nullptr), 0U);
         EXPECT_EQ(Inited(), 1U);
         EXPECT_EQ(XEL_ServiceMqCreate("second", &config, nullptr), 0U);
+        const u64 locks = xeltest::CallsHere(Call::PthreadMutexLock);
         ServiceMqInit();
+        EXPECT_EQ(xeltest::CallsHere(Call::PthreadMutexLock), locks);
         EXPECT_EQ(Calls(Call::XelHashDllTblCreate), 1U);
         XEL_ServiceMqDestroy("first");
         XEL_ServiceMqDestroy("second");

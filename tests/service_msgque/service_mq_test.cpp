@@ -338,6 +338,24 @@ TEST_F(ServiceMqTest, ConsumerCreatesAndDestroysOtherServices)
     EXPECT_EQ(QueueOf("child"), nullptr);
 }
 
+// Nobody makes a service of that name while the old one's queue goes.
+TEST_F(ServiceMqTest, NameStaysTakenUntilItsQueueIsGone)
+{
+    Worker worker;
+    Service service("session", worker, 4);
+    const HeldWorker held(worker);
+    bool isHeld = false;
+    bool isNamed = false;
+    xeltest::RunAtNth(Call::EpollCtl, 1, [&] {
+        isHeld = IsHeld(g_xelServiceMqMng.mutex);
+        isNamed = QueueOf("session") != nullptr;
+    });
+    service.Destroy();
+    EXPECT_TRUE(isHeld);
+    EXPECT_TRUE(isNamed);
+    EXPECT_EQ(QueueOf("session"), nullptr);
+}
+
 // Creation and counting hold the registry; a send gives it back before it copies and queues.
 TEST_F(ServiceMqTest, RegistryIsFreeWhileAMessageIsSent)
 {

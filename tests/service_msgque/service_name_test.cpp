@@ -29,8 +29,13 @@ TEST_F(ServiceMqTest, UnusableArgumentsOfACreationAreRefusedInSilence)
         EXPECT_EQ(XEL_ServiceMqCreate("name", config, nullptr), 22U);
         EXPECT_EQ(ServiceMqCreateParamCheck("name", config), 22U);
     }
-    EXPECT_EQ(ServiceMqCreateParamCheck("name", &good), 0U);
     EXPECT_EQ(Calls(Call::PthreadMutexLock), locks);
+    const Service taken("taken", worker, 4);
+    for (const XelServiceMqConfig* config : {&noDepth, &noThread, &noCallback}) {
+        EXPECT_EQ(XEL_ServiceMqCreate("taken", config, nullptr), 22U); // that comes first
+    }
+    EXPECT_EQ(XEL_ServiceMqCreate("taken", nullptr, nullptr), 22U);
+    EXPECT_EQ(ServiceMqCreateParamCheck("name", &good), 0U);
     EXPECT_EQ(QueueOf("name"), nullptr);
     EXPECT_NO_LOG();
 }
@@ -57,6 +62,28 @@ TEST_F(ServiceMqTest, UnusableArgumentsOfASendAreRefusedInSilence)
     EXPECT_EQ(XEL_ServiceMqSendMsg("name", &nameless), 0U);
     ASSERT_TRUE(service.AwaitCount(1));
     EXPECT_EQ(service.Messages().front(), (Received{"", 1, "abc"}));
+    EXPECT_NO_LOG();
+}
+
+// The message is looked at before its destination is looked for.
+TEST_F(ServiceMqTest, UnusableMessageToAnUnknownServiceIsRefusedInSilence)
+{
+    char body[1] = {};
+    const XelServiceMsg good = {"sender", 0, body, 1};
+    XelServiceMsg bodyless = good;
+    bodyless.data = nullptr;
+    XelServiceMsg empty = good;
+    empty.len = 0;
+    XelServiceMsg tooLong = good;
+    tooLong.len = 4097;
+    XelServiceMsg unterminated = good;
+    memset(unterminated.name, 'x', sizeof(unterminated.name));
+    const u64 locks = Calls(Call::PthreadMutexLock);
+    EXPECT_EQ(XEL_ServiceMqSendMsg("nobody", nullptr), 22U);
+    for (const XelServiceMsg* message : {&bodyless, &empty, &tooLong, &unterminated}) {
+        EXPECT_EQ(XEL_ServiceMqSendMsg("nobody", message), 22U);
+    }
+    EXPECT_EQ(Calls(Call::PthreadMutexLock), locks);
     EXPECT_NO_LOG();
 }
 
