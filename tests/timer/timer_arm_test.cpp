@@ -223,6 +223,16 @@ TEST_F(TimerArm, FailedQuestionLeavesTheAnswerAlone)
     EXPECT_EQ(remain, 7U);
 }
 
+// The period is there before the first expiry with it can come.
+TEST_F(TimerArm, ResizeStoresThePeriodBeforeItArms)
+{
+    const Timer timer(*worker_, probe_);
+    u32 timeout = 0;
+    RunAtNth(Call::TimerfdSettime, 1, [&] { timeout = timer->timeout.load(); });
+    EXPECT_EQ(XEL_TimerResize(timer.Get(), 50000), 0U);
+    EXPECT_EQ(timeout, 50000U);
+}
+
 // The lock is free again after each result.
 TEST_F(TimerArm, NoOperationKeepsTheLock)
 {
@@ -257,7 +267,15 @@ TEST_F(TimerArm, DestroyMarksTheTimerAndArmsOneMillisecond)
         const int fd = node->fd;
         {
             const HeldWorker held(*worker_);
+            u32 pendingWhenArmed = 9;
+            u32 timeoutWhenArmed = 9;
+            RunAtNth(Call::TimerfdSettime, 1, [&] {
+                pendingWhenArmed = node->destroyPending.load();
+                timeoutWhenArmed = node->timeout.load();
+            });
             XEL_TimerDestroy(node);
+            EXPECT_EQ(pendingWhenArmed, 1U); // an expiry in between runs no callback any more
+            EXPECT_EQ(timeoutWhenArmed, 1U);
             EXPECT_EQ(node->timeout.load(), 1U);
             EXPECT_EQ(node->destroyPending.load(), 1U);
             struct pollfd ready = {fd, POLLIN, 0};
@@ -288,6 +306,31 @@ TEST_F(TimerArm, DestroyThatCannotArmLeavesTheTimerMarked)
     ASSERT_EQ(TimerSetStartTime(node, 1), 0);
     AwaitGone(*worker_, node);
     EXPECT_EQ(probe_.released.load(), 1);
+}
+
+// The line has the error of the operation, not that of the arming after it.
+TEST_F(TimerArm, ErrorIsTheOperationsOwnWhenTheEndComesInBetween)
+{
+    const std::pair<const char*, std::function<u32(XelTimerNode*)>> operations[] = {
+        {"start", [](XelTimerNode* node) { return XEL_TimerStart(node); }},
+        {"stop", [](XelTimerNode* node) { return XEL_TimerStop(node); }},
+        {"resize", [](XelTimerNode* node) { return XEL_TimerResize(node, kLongMs); }},
+    };
+    for (const auto& [name, operation] : operations) {
+        Probe probe;
+        Timer timer(*worker_, probe);
+        XelTimerNode* node = timer.Release();
+        {
+            const HeldWorker held(*worker_);
+            FailNth(Call::TimerfdSettime, 1, -1, EIO); // the second is that of the end
+            FailNth(Call::TimerfdSettime, 3, -1, EBADF);
+            RunAtNth(Call::TimerfdSettime, 1, [node] { XEL_TimerDestroy(node); });
+            EXPECT_EQ(operation(node), kFail);
+            EXPECT_LOG(kTimerSource, Failed(name, node->fd, EIO));
+        }
+        AwaitGone(*worker_, node);
+        EXPECT_EQ(probe.released.load(), 1);
+    }
 }
 
 // The end comes between the check and the arming: its short delay stays armed.

@@ -43,6 +43,11 @@ protected:
 
 TEST_F(TimerAttrs, NewRecordIsZeroButForTheMagic)
 {
+    memset(attr_, 'x', sizeof(*attr_)); // the next record may take this block
+    attr_->magic = 0xABCDEFAA;
+    XEL_TimerDestroyAttr(attr_);
+    attr_ = XEL_TimerCreateAttr();
+    ASSERT_NE(attr_, nullptr);
     EXPECT_EQ(At<u32>(attr_, 0), 0xABCDEFAAU);
     for (size_t offset = 8; offset < 56; offset += 8) {
         EXPECT_EQ(At<u64>(attr_, offset), 0U) << offset;
@@ -130,9 +135,11 @@ TEST_F(TimerAttrs, CallbackIsStored)
     EXPECT_NO_LOG();
 }
 
-// A wrong size comes before a null callback.
+// A wrong size comes before a null callback; neither changes anything.
 TEST_F(TimerAttrs, CallbackOfAWrongSizeOrNullIsRefused)
 {
+    const XelTimerUsrCb kept = {RunProbe, this};
+    ASSERT_EQ(XEL_TimerSetAttr(attr_, XEL_TIMER_ATTR_USR_CB, &kept, 16), 0U);
     const XelTimerUsrCb null[2] = {};
     for (const size_t size : {size_t{0}, size_t{8}, size_t{15}, size_t{17}}) {
         const std::string text = Text("Timer attr usr cb len invalid. (len = %zu)", size);
@@ -143,7 +150,8 @@ TEST_F(TimerAttrs, CallbackOfAWrongSizeOrNullIsRefused)
     ExpectRefused(0, null, 16, "Timer attr usr cb null.");
     EXPECT_EQ(TimerAttrSetCb(attr_, null, 16), 22U);
     EXPECT_LOG(kTimerSource, "Timer attr usr cb null.");
-    EXPECT_EQ(attr_->callback, nullptr);
+    EXPECT_EQ(attr_->callback, RunProbe);
+    EXPECT_EQ(attr_->userData, this);
 }
 
 TEST_F(TimerAttrs, ModeIsOneOfTwo)
@@ -227,6 +235,7 @@ TEST_F(TimerAttrs, NameSizeAboveFifteenIsRefusedUnread)
 {
     void* page = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(page, MAP_FAILED);
+    ASSERT_EQ(XEL_TimerSetAttr(attr_, XEL_TIMER_ATTR_NAME, "kept", 4), 0U);
     for (const size_t size : {size_t{16}, size_t{17}, SIZE_MAX}) {
         const std::string text = Text("Timer attr name out of range. (name len = %zu)", size);
         ExpectRefused(3, page, size, text);
@@ -235,6 +244,7 @@ TEST_F(TimerAttrs, NameSizeAboveFifteenIsRefusedUnread)
         EXPECT_LOG(kTimerSource, text);
     }
     EXPECT_EQ(munmap(page, 4096), 0);
+    EXPECT_STREQ(attr_->name, "kept");
 }
 
 TEST_F(TimerAttrs, NameLongerThanItsSizeIsRefused)
@@ -264,11 +274,13 @@ TEST_F(TimerAttrs, NameWithoutTerminatorIsRefused)
 
 TEST_F(TimerAttrs, FailedNameCopyIsAFailureOfItsOwn)
 {
+    ASSERT_EQ(XEL_TimerSetAttr(attr_, XEL_TIMER_ATTR_NAME, "kept", 4), 0U);
     FailNth(Call::StrcpyS, 1);
     ExpectRefused(3, "name", 4, "Timer attr copy name unsuccessfully.", kFail);
     FailNth(Call::StrcpyS, 1);
     EXPECT_EQ(TimerAttrSetName(attr_, "name", 4), kFail);
     EXPECT_LOG(kTimerSource, "Timer attr copy name unsuccessfully.");
+    EXPECT_STREQ(attr_->name, "kept");
 }
 
 class TimerSetAll : public TimerAttrs
@@ -325,6 +337,12 @@ TEST_F(TimerSetAll, FirstFailureEndsTheRow)
     EXPECT_EQ(XelTimerSetAllAttr(attr_, &callback_, &mode_, nullptr, "sixteen-letters!"), 22U);
     EXPECT_LOG(kTimerSource, "Timer attr param invalid.");
     EXPECT_EQ(attr_->mode, 1U);
+    EXPECT_EQ(XelTimerSetAllAttr(attr_, nullptr, &mode_, &timeout_, ""), 22U);
+    EXPECT_EQ(XelTimerSetAllAttr(attr_, &callback_, nullptr, &timeout_, ""), 22U);
+    EXPECT_EQ(SetAll(nullptr), 22U);
+    const char text[] = "Timer attr param invalid.";
+    EXPECT_LOG(kTimerSource, text, text, text);
+    EXPECT_EQ(attr_->timeout, 40U); // the name comes last
 }
 
 } // namespace

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <fstream>
 #include <sys/timerfd.h>
+#include <unistd.h>
 
 #include "timer_support.h"
 
@@ -51,6 +52,24 @@ TEST(TimerCtrl, FieldsStandAtTheirOffsets)
     EXPECT_EQ(sizeof(XelTimerCtrl), kGroups + 24 + sizeof(pthread_mutex_t));
 }
 
+TEST(TimerFresh, DescriptorZeroIsOneLikeAnyOther)
+{
+    XELTEST_IN_FRESH_PROCESS([] {
+        Worker worker;
+        worker.Run([] {});
+        Probe probe;
+        close(0);
+        {
+            const Timer timer(worker, probe);
+            EXPECT_EQ(timer->fd, 0);
+            timer.Start();
+        }
+        EXPECT_EQ(probe.released.load(), 1);
+        EXPECT_FALSE(IsOpen(0));
+        EXPECT_NO_LOG();
+    });
+}
+
 class TimerCreate : public TimerThreadTest
 {
 protected:
@@ -58,8 +77,10 @@ protected:
     void ExpectRefused(const std::vector<ExpectedLine>& lines)
     {
         const Footprint before = Measure();
+        const u64 closed = Calls(Call::Close);
         EXPECT_EQ(XEL_TimerCreate(worker_->Get(), attr_.Get()), nullptr);
         EXPECT_TRUE(LogIs(kTimerSource, lines));
+        EXPECT_LE(Calls(Call::Close), closed + 1); // a second one may hit a new descriptor
         EXPECT_EQ(Measure(), before);
         EXPECT_EQ(LiveCount(), 0U);
     }
@@ -129,6 +150,30 @@ TEST_F(TimerCreate, RefusedTaskAttributeIsRefused)
     ExpectRefused(
         {From(kTaskSource, "Scheduler set name unsuccessfully, copy name unsuccessfully."),
          NotSet(kFail, 3), "Timer task attribute set unsuccessfully.", kNoTask, kNoNode});
+}
+
+// Whoever brought the descriptor closes it, and closes it before telling.
+TEST_F(TimerCreate, TaskThatCannotBeMadeLeavesTheDescriptorToTheCaller)
+{
+    const Fd fd(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
+    for (const u64 nth : {1U, 2U}) {
+        FailNth(Call::XelMemAllocF, nth);
+        EXPECT_EQ(TimerSchTaskCreate(worker_->Get(), attr_.Get(), fd.Get()), nullptr);
+        EXPECT_TRUE(IsOpen(fd.Get()));
+    }
+    EXPECT_EQ(Calls(Call::Close), 0U);
+    EXPECT_LOG(kTimerSource, "Timer node memory malloc null.",
+               "Timer task attribute create unsuccessfully.");
+    const int own = NextFd();
+    std::vector<bool> openAtLine;
+    FailNth(Call::XelMemAllocF, 1);
+    RunAtNextLine([&] {
+        openAtLine.push_back(IsOpen(own));
+        RunAtNextLine([&] { openAtLine.push_back(IsOpen(own)); });
+    });
+    EXPECT_EQ(TimerCreateNode(worker_->Get(), attr_.Get()), nullptr);
+    EXPECT_EQ(openAtLine, (std::vector<bool>{true, false}));
+    EXPECT_LOG(kTimerSource, "Timer node memory malloc null.", kNoTask);
 }
 
 // The name is measured up to sixteen characters and no further.
@@ -280,9 +325,9 @@ TEST_F(TimerCreate, TaskBehindTheTimer)
     EXPECT_EQ(task->prio, 0U);
     EXPECT_EQ(task->fdType.load(), 0U);
     EXPECT_STREQ(task->name, "fifteen-letters");
-    const std::string registered = Registration((*worker_)->epFd, timer->fd);
-    EXPECT_TRUE(registered.ends_with(Text(" %#lx", reinterpret_cast<unsigned long>(task))))
-        << registered;
+    // Level-triggered reading; the kernel adds EPOLLERR and EPOLLHUP.
+    EXPECT_EQ(Registration((*worker_)->epFd, timer->fd),
+              Text("0x19 %#lx", reinterpret_cast<unsigned long>(task)));
     const Timer unnamed(*worker_, TimerAttr(&probe_, 1, kLongMs, ""));
     EXPECT_STREQ(SchTaskGetHandleByAppFd(unnamed->fd)->name, "");
 }

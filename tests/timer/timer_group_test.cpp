@@ -41,15 +41,29 @@ TEST_F(TimerGroups, NumberOfZeroIsRefused)
     EXPECT_EQ(XEL_TimerCreateGroup(0), kFail);
     EXPECT_LOG(kTimerSource, "Timer group create unsuccessfully, invalid parameter. (groupId = 0)");
     EXPECT_EQ(g_xelTimerCtrl.groupCount, 0U);
-    ASSERT_EQ(pthread_mutex_lock(&g_xelTimerCtrl.groupMutex), 0);
-    XEL_TimerDestroyGroup(0); // takes no lock
-    pthread_mutex_unlock(&g_xelTimerCtrl.groupMutex);
+    XEL_TimerDestroyGroup(0);
     EXPECT_LOG(kTimerSource, "Timer group destroy unsuccessfully, invalid parameter.");
+}
+
+// Nobody waits for the groups to be told that a number is none.
+TEST_F(TimerGroups, NumberOfZeroIsRefusedWithoutTheMutex)
+{
+    EXPECT_EQ(XEL_TimerCreateGroup(0), kFail);
+    XEL_TimerDestroyGroup(0);
+    EXPECT_EQ(XEL_TimerAddTimerType(0, 1, nullptr, nullptr), kFail);
+    EXPECT_EQ(XEL_TimerDelTimerType(0, 1), 22U);
+    EXPECT_EQ(XEL_TimerCreateAndStart(0, 1, nullptr), nullptr);
+    EXPECT_EQ(Calls(Call::PthreadMutexLock), 0U);
+    EXPECT_EQ(LogCount(), 6U);
+    DropLog();
 }
 
 TEST_F(TimerGroups, NewGroupIsEmptyAndStandsAtTheFront)
 {
     EXPECT_EQ(XEL_TimerCreateGroup(0xFFFFFFFF), 0U);
+    EXPECT_EQ(XEL_TimerCreateGroup(7), 0U);
+    TimerGetGroupByGroupId(7)->typeCount = 77; // the next group may take this block
+    XEL_TimerDestroyGroup(7);
     EXPECT_EQ(XEL_TimerCreateGroup(1), 0U);
     EXPECT_EQ(g_xelTimerCtrl.groupCount, 2U);
     const XelTimerGroup* one = TimerGetGroupByGroupId(1);
@@ -282,6 +296,27 @@ TEST_F(TimerTypes, TypesOfAGroupEndFromFrontToBack)
     EXPECT_EQ(AddType(&second_, 1, kLongMs, 2), 0U);
     XEL_TimerDestroyGroup(kGroup);
     EXPECT_EQ(order, (std::vector<int>{2, 1}));
+    EXPECT_NO_LOG();
+}
+
+// Who looks while the data is released finds the type gone and the group still there.
+TEST_F(TimerTypes, TypeIsGoneWhenItsDataIsReleased)
+{
+    first_.onRelease = [this] {
+        EXPECT_EQ(TypeOf(), nullptr);
+        EXPECT_EQ(group_->typeCount, 0U);
+    };
+    EXPECT_EQ(AddType(&first_), 0U);
+    EXPECT_EQ(XEL_TimerDelTimerType(kGroup, kType), 0U);
+    EXPECT_EQ(first_.released.load(), 1);
+    second_.onRelease = [this] {
+        EXPECT_EQ(TypeOf(), nullptr);
+        EXPECT_EQ(TimerGetGroupByGroupId(kGroup), group_);
+        EXPECT_EQ(g_xelTimerCtrl.groupCount, 1U);
+    };
+    EXPECT_EQ(AddType(&second_), 0U);
+    XEL_TimerDestroyGroup(kGroup);
+    EXPECT_EQ(second_.released.load(), 1);
     EXPECT_NO_LOG();
 }
 

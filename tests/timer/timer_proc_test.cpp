@@ -12,6 +12,15 @@ uint32_t xel_slow(XelTimerNode* timer, uint64_t expirations, void* userData)
     return timertest::RunProbe(timer, expirations, userData);
 }
 
+// A name of forty letters.
+extern "C" __attribute__((visibility("default"))) uint32_t
+xel_slow_callback_with_a_very_long_name_(XelTimerNode* timer, uint64_t, void* userData);
+uint32_t xel_slow_callback_with_a_very_long_name_(XelTimerNode* timer, uint64_t expirations,
+                                                  void* userData)
+{
+    return timertest::RunProbe(timer, expirations, userData);
+}
+
 namespace
 {
 
@@ -187,6 +196,12 @@ TEST_F(TimerProc, NothingToReadIsSilent)
         EXPECT_EQ(Proc(timer), 0U);
         FailNth(Call::Read, 1, -1, EAGAIN);
         EXPECT_EQ(Proc(timer), 0U);
+        for (const int count : {0, 4}) { // too short counts as well
+            FailNth(Call::Read, 1, count, EAGAIN);
+            EXPECT_EQ(Proc(timer), 0U);
+            FailNth(Call::Read, 1, count, EINTR);
+            EXPECT_EQ(Proc(timer), 0U);
+        }
         EXPECT_TRUE(IsListed(timer));
         End(timer);
         probe_.released.store(0);
@@ -271,6 +286,34 @@ TEST_F(TimerProc, CallbackOf400MillisecondsIsReported)
     End(timer);
 }
 
+// After seven weeks the clock is past 32 bits.
+TEST_F(TimerProc, SlowCallbackIsReportedWithTheWholeTime)
+{
+    XelTimerNode* timer = Make();
+    const std::pair<u64, u64> times[] = {{5000000000, 400}, {4294967000, 400}, {1, 4294967296}};
+    for (const auto& [start, elapsed] : times) {
+        Expire(timer);
+        ScriptMilliSec({start, start + elapsed});
+        EXPECT_EQ(Proc(timer), 0U);
+        EXPECT_LOG(kTimerSource, Warning(Slow(0, timer->fd, start, elapsed, "xfl`smox")));
+    }
+    End(timer);
+}
+
+TEST_F(TimerProc, LongNameIsReportedWithItsFirstThirtyOneLetters)
+{
+    const TimerAttr attr(&probe_, XEL_TIMER_MODE_PERIODIC, 0, "by hand",
+                         xel_slow_callback_with_a_very_long_name_);
+    XelTimerNode* timer = XEL_TimerCreate(worker_->Get(), attr.Get());
+    ASSERT_NE(timer, nullptr);
+    Expire(timer);
+    ScriptMilliSec({0, 400});
+    EXPECT_EQ(Proc(timer), 0U);
+    EXPECT_LOG(kTimerSource,
+               Warning(Slow(0, timer->fd, 0, 400, "xfl`smox_damlcadk`wjti_b_wesy`l")));
+    End(timer);
+}
+
 TEST_F(TimerProc, CallbackOf399MillisecondsIsNot)
 {
     XelTimerNode* timer = Make();
@@ -302,10 +345,13 @@ TEST_F(TimerProc, SlowAndFailedCallbackIsReportedInThatOrder)
 {
     XelTimerNode* timer = Make(XEL_TIMER_MODE_ONE_SHOT);
     const int fd = timer->fd;
+    size_t linesAtRelease = 99;
+    probe_.onRelease = [&] { linesAtRelease = LogCount(); };
     probe_.result.store(3);
     Expire(timer);
     ScriptMilliSec({0, 400});
     EXPECT_EQ(Proc(timer), kFail);
+    EXPECT_EQ(linesAtRelease, 1U); // the teardown comes in between
     EXPECT_LOG(kTimerSource, Warning(Slow(3, fd, 0, 400, "xfl`smox")), Unsuccessful(3, fd));
 }
 

@@ -67,6 +67,28 @@ TEST_F(TimerCreateAndStart, FailedStartDestroysTheTimerAtOnce)
     EXPECT_NE(before, whileHeld); // the holder's own descriptor is what differs
 }
 
+// Its task cannot be removed, so it is neither closed nor freed; the caller gets null all the same.
+TEST_F(TimerCreateAndStart, FailedStartIsNullAlsoWhenTheTimerCannotBeDestroyed)
+{
+    const int fd = NextFd();
+    XelTimerNode* timer = nullptr;
+    FailNth(Call::TimerfdSettime, 1, -1, EIO);
+    RunAtNth(Call::TimerfdSettime, 1, [&] {
+        timer = reinterpret_cast<XelTimerNode*>(SchTaskGetHandleByAppFd(fd)->data);
+        EXPECT_EQ(DelFd(worker_->Get(), fd), 0U);
+    });
+    EXPECT_EQ(InOneCall(), nullptr);
+    EXPECT_LOG(kTimerSource, Text("Timer start unsuccessfully. (fd = %d, errno = 5)", fd), NoTask(),
+               NotRemoved(fd), "Timer task delete unsuccessfully. (ret = 0xffffffff)");
+    ASSERT_NE(timer, nullptr);
+    EXPECT_FALSE(IsListed(timer));
+    EXPECT_TRUE(IsOpen(fd));
+    PutOnThread(timer);
+    TimerAddNode(timer);
+    InnerTimerDestroy(timer);
+    EXPECT_NO_LOG();
+}
+
 TEST_F(TimerCreateAndStart, OneShotNeedsParametersAndAName)
 {
     oneShot_.thread = worker_->Get();

@@ -106,6 +106,35 @@ TEST_F(TimerOfType, TimerIsMadeFromTheTypeAndArmed)
     EXPECT_NO_LOG();
 }
 
+// Neither at the type nor here is the attribute examined: a mode that is none is not periodic and
+// not one-shot, and a timer without callback and time-out is one that waits.
+TEST_F(TimerOfType, TimerIsMadeFromAnyAttribute)
+{
+    XelTimerAttr attr = {};
+    attr.mode = 9;
+    attr.timeout = kLongMs;
+    attr.callback = RunProbe;
+    attr.userData = &typeData_;
+    ASSERT_EQ(XEL_TimerAddTimerType(kGroup, 1, worker_->Get(), &attr), 0U);
+    const XelTimerAttr blank = {};
+    ASSERT_EQ(XEL_TimerAddTimerType(kGroup, 2, worker_->Get(), &blank), 0U);
+    const HeldWorker held(*worker_);
+    XelTimerNode* timer = XEL_TimerCreateAndStart(kGroup, 1, nullptr);
+    const XelTimerNode* waiting = XEL_TimerCreateAndStart(kGroup, 2, nullptr);
+    ASSERT_NE(timer, nullptr);
+    ASSERT_NE(waiting, nullptr);
+    EXPECT_EQ(MsOf(SettingOf(waiting->fd).it_value), 0U);
+    EXPECT_GT(MsOf(SettingOf(timer->fd).it_value), kLongMs / 2);
+    EXPECT_EQ(MsOf(SettingOf(timer->fd).it_interval), 0U);
+    Expire(timer);
+    EXPECT_EQ(Proc(timer), 0U);
+    EXPECT_EQ(typeData_.runs.load(), 1);
+    EXPECT_TRUE(IsListed(timer));
+    EXPECT_NO_LOG();
+    EXPECT_EQ(XEL_TimerResize(timer, 5), kFail);
+    EXPECT_LOG(kTimerSource, "Timer not periodic mode, restart unsuccessfully.");
+}
+
 TEST_F(TimerOfType, OwnDataIsReleasedWithTheTimerAndTypeDataWithTheType)
 {
     ASSERT_EQ(AddType(&typeData_, XEL_TIMER_MODE_PERIODIC, 1), 0U);
