@@ -233,6 +233,29 @@ TEST_F(TimerArm, ResizeStoresThePeriodBeforeItArms)
     EXPECT_EQ(timeout, 50000U);
 }
 
+// The handle stays good until an operation is over, and operations do not wait for each other.
+TEST_F(TimerArm, OperationsHoldTheLockForReadingWhileTheyWork)
+{
+    Timer timer(*worker_, probe_);
+    XelTimerNode* node = timer.Release();
+    u32 remain = 0;
+    const std::pair<Call, std::function<void()>> operations[] = {
+        {Call::TimerfdSettime, [node] { (void)XEL_TimerStart(node); }},
+        {Call::TimerfdSettime, [node] { (void)XEL_TimerStop(node); }},
+        {Call::TimerfdSettime, [node] { (void)XEL_TimerResize(node, kLongMs); }},
+        {Call::TimerfdGettime, [&] { (void)TimerGetTimerRemainTime(node, &remain); }},
+        {Call::TimerfdSettime, [node] { XEL_TimerDestroy(node); }},
+    };
+    for (const auto& [call, operation] : operations) {
+        Held seen = Held::No;
+        RunAtNth(call, 1, [&seen] { seen = TimerLockState(); });
+        operation();
+        EXPECT_EQ(seen, Held::Read);
+    }
+    AwaitGone(*worker_, node);
+    EXPECT_NO_LOG();
+}
+
 // The lock is free again after each result.
 TEST_F(TimerArm, NoOperationKeepsTheLock)
 {

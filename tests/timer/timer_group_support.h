@@ -10,6 +10,15 @@ namespace timertest
 constexpr u32 kGroup = 5;
 constexpr u32 kType = 1;
 
+inline bool GroupMutexIsHeld()
+{
+    if (pthread_mutex_trylock(&g_xelTimerCtrl.groupMutex) != 0) {
+        return true;
+    }
+    pthread_mutex_unlock(&g_xelTimerCtrl.groupMutex);
+    return false;
+}
+
 // Fixture: a group that is destroyed at the end, if it still lives.
 class TimerGroupTest : public TimerThreadTest
 {

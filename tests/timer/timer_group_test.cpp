@@ -177,6 +177,46 @@ TEST_F(TimerTypes, TypeHoldsAWholeCopyOfTheAttribute)
     EXPECT_NO_LOG();
 }
 
+TEST_F(TimerTypes, OperationsHoldTheGroupMutexWhileTheyWork)
+{
+    const TimerAttr attr(&first_);
+    const HeldWorker still(*worker_);
+    char out = 0;
+    const std::pair<Call, std::function<void()>> operations[] = {
+        {Call::XelMemAllocF, [] { EXPECT_EQ(XEL_TimerCreateGroup(6), 0U); }},
+        {Call::XelMemFreeF, [] { XEL_TimerDestroyGroup(6); }},
+        {Call::MemcpyS,
+         [&] { EXPECT_EQ(XEL_TimerAddTimerType(kGroup, 1, worker_->Get(), attr.Get()), 0U); }},
+        {Call::MemcpyS, [&] { EXPECT_EQ(TimerGetParamByGroupAndType(kGroup, 1, &out, 1), 0U); }},
+        {Call::TimerfdCreate,
+         [] { EXPECT_NE(XEL_TimerCreateAndStart(kGroup, 1, nullptr), nullptr); }},
+        {Call::EpollCtl, [] { EXPECT_EQ(XEL_TimerDelTimerType(kGroup, 1), 0U); }},
+    };
+    for (const auto& [call, operation] : operations) {
+        bool held = false;
+        RunAtNth(call, 1, [&held] { held = GroupMutexIsHeld(); });
+        operation();
+        EXPECT_TRUE(held) << static_cast<u32>(call);
+    }
+    EXPECT_NO_LOG();
+}
+
+// Data of types, also that offered in vain, is released under the mutex.
+TEST_F(TimerTypes, DataIsReleasedUnderTheGroupMutex)
+{
+    int held = 0;
+    first_.onRelease = [&held] { held += GroupMutexIsHeld() ? 1 : 0; };
+    EXPECT_EQ(AddType(&first_), 0U);
+    EXPECT_EQ(AddType(&first_), 0U);
+    EXPECT_LOG(kTimerSource, Detail("Timer type already exist. (groupId = 5, typeType = 1)"));
+    EXPECT_EQ(held, 1);
+    EXPECT_EQ(XEL_TimerDelTimerType(kGroup, kType), 0U);
+    EXPECT_EQ(held, 2);
+    EXPECT_EQ(AddType(&first_), 0U);
+    XEL_TimerDestroyGroup(kGroup);
+    EXPECT_EQ(held, 3);
+}
+
 // Magic, callback and mode are not looked at.
 TEST_F(TimerTypes, AttributeIsNotExamined)
 {

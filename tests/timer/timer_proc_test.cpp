@@ -410,6 +410,34 @@ TEST_F(TimerTeardown, GivesEverythingBackInItsOrder)
     EXPECT_NO_LOG();
 }
 
+// For writing, and given back before the thread is asked to forget the task.
+TEST_F(TimerTeardown, ListIsChangedUnderTheWriteLockOnly)
+{
+    XelTimerNode* timer = TimerCreateNode(worker_->Get(), TimerAttr(&probe_).Get());
+    ASSERT_NE(timer, nullptr);
+    Held atEnd = Held::No;
+    Held atLine = Held::No;
+    Held atRemoval = Held::Write;
+    {
+        const AnyCaller any; // giving the lock back may be the last act of the call
+        for (const auto& change : {+[](XelTimerNode* node) { TimerAddNode(node); },
+                                   +[](XelTimerNode* node) { (void)TimerDelNode(node); }}) {
+            RunAtNth(Call::PthreadRwlockUnlock, 1, [&atEnd] { atEnd = TimerLockState(); });
+            change(timer);
+            EXPECT_EQ(atEnd, Held::Write);
+            atEnd = Held::No;
+        }
+    }
+    RunAtNextLine([&atLine] { atLine = TimerLockState(); });
+    EXPECT_EQ(TimerDelNode(timer), 22U);
+    EXPECT_LOG(kTimerSource, kInvalid);
+    EXPECT_EQ(atLine, Held::Write);
+    TimerAddNode(timer);
+    RunAtNth(Call::EpollCtl, 1, [&atRemoval] { atRemoval = TimerLockState(); });
+    End(timer);
+    EXPECT_EQ(atRemoval, Held::No);
+}
+
 TEST_F(TimerTeardown, WithoutDestructorTheDataIsLeftAlone)
 {
     XelTimerNode* timer = Make();

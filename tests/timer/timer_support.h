@@ -79,6 +79,9 @@ private:
 // Under the timer lock.
 bool IsListed(const XelTimerNode* timer);
 u32 LiveCount();
+// How the timer lock is held at this moment, by the caller or by somebody else.
+enum class Held { No, Read, Write };
+Held TimerLockState();
 // Waits until the thread has let go of a timer that was told to end.
 void AwaitGone(Worker& worker, const XelTimerNode* timer);
 

@@ -135,6 +135,24 @@ TEST_F(TimerOfType, TimerIsMadeFromAnyAttribute)
     EXPECT_LOG(kTimerSource, "Timer not periodic mode, restart unsuccessfully.");
 }
 
+// Arming and listing is one step for everybody else, and so is a destruction by type.
+TEST_F(TimerOfType, ListIsChangedUnderTheWriteLock)
+{
+    ASSERT_EQ(AddType(&typeData_), 0U);
+    const HeldWorker still(*worker_);
+    Held arming = Held::No;
+    Held removing = Held::No;
+    RunAtNth(Call::TimerfdSettime, 1, [&arming] { arming = TimerLockState(); });
+    ASSERT_NE(XEL_TimerCreateAndStart(kGroup, kType, nullptr), nullptr);
+    EXPECT_EQ(arming, Held::Write);
+    RunAtNth(Call::EpollCtl, 1, [&removing] { removing = TimerLockState(); });
+    TimerDestroyTypeTimer(kGroup, kType);
+    EXPECT_EQ(removing, Held::Write);
+    XEL_TimerDestroyGroup(kGroup);
+    EXPECT_EQ(typeData_.released.load(), 1);
+    EXPECT_NO_LOG();
+}
+
 TEST_F(TimerOfType, OwnDataIsReleasedWithTheTimerAndTypeDataWithTheType)
 {
     ASSERT_EQ(AddType(&typeData_, XEL_TIMER_MODE_PERIODIC, 1), 0U);
