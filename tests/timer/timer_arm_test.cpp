@@ -247,10 +247,10 @@ TEST_F(TimerArm, OperationsHoldTheLockForReadingWhileTheyWork)
         {Call::TimerfdSettime, [node] { XEL_TimerDestroy(node); }},
     };
     for (const auto& [call, operation] : operations) {
-        Held seen = Held::No;
+        Held seen = Held::Not;
         RunAtNth(call, 1, [&seen] { seen = TimerLockState(); });
         operation();
-        EXPECT_EQ(seen, Held::Read);
+        EXPECT_EQ(seen, Held::ForReading);
     }
     AwaitGone(*worker_, node);
     EXPECT_NO_LOG();

@@ -415,27 +415,27 @@ TEST_F(TimerTeardown, ListIsChangedUnderTheWriteLockOnly)
 {
     XelTimerNode* timer = TimerCreateNode(worker_->Get(), TimerAttr(&probe_).Get());
     ASSERT_NE(timer, nullptr);
-    Held atEnd = Held::No;
-    Held atLine = Held::No;
-    Held atRemoval = Held::Write;
+    Held atEnd = Held::Not;
+    Held atLine = Held::Not;
+    Held atRemoval = Held::ForWriting;
     {
         const AnyCaller any; // giving the lock back may be the last act of the call
         for (const auto& change : {+[](XelTimerNode* node) { TimerAddNode(node); },
                                    +[](XelTimerNode* node) { (void)TimerDelNode(node); }}) {
             RunAtNth(Call::PthreadRwlockUnlock, 1, [&atEnd] { atEnd = TimerLockState(); });
             change(timer);
-            EXPECT_EQ(atEnd, Held::Write);
-            atEnd = Held::No;
+            EXPECT_EQ(atEnd, Held::ForWriting);
+            atEnd = Held::Not;
         }
     }
     RunAtNextLine([&atLine] { atLine = TimerLockState(); });
     EXPECT_EQ(TimerDelNode(timer), 22U);
     EXPECT_LOG(kTimerSource, kInvalid);
-    EXPECT_EQ(atLine, Held::Write);
+    EXPECT_EQ(atLine, Held::ForWriting);
     TimerAddNode(timer);
     RunAtNth(Call::EpollCtl, 1, [&atRemoval] { atRemoval = TimerLockState(); });
     End(timer);
-    EXPECT_EQ(atRemoval, Held::No);
+    EXPECT_EQ(atRemoval, Held::Not);
 }
 
 TEST_F(TimerTeardown, WithoutDestructorTheDataIsLeftAlone)

@@ -87,20 +87,6 @@ u32 LiveCount()
     return count;
 }
 
-Held TimerLockState()
-{
-    pthread_rwlock_t* lock = &g_xelTimerCtrl.timerLock;
-    if (pthread_rwlock_trywrlock(lock) == 0) {
-        pthread_rwlock_unlock(lock);
-        return Held::No;
-    }
-    if (pthread_rwlock_tryrdlock(lock) == 0) {
-        pthread_rwlock_unlock(lock);
-        return Held::Read;
-    }
-    return Held::Write;
-}
-
 // The teardown is over when a later callback runs.
 void AwaitGone(Worker& worker, const XelTimerNode* timer)
 {

@@ -80,8 +80,10 @@ private:
 bool IsListed(const XelTimerNode* timer);
 u32 LiveCount();
 // How the timer lock is held at this moment, by the caller or by somebody else.
-enum class Held { No, Read, Write };
-Held TimerLockState();
+inline Held TimerLockState()
+{
+    return HoldOf(g_xelTimerCtrl.timerLock);
+}
 // Waits until the thread has let go of a timer that was told to end.
 void AwaitGone(Worker& worker, const XelTimerNode* timer);
 

@@ -140,14 +140,14 @@ TEST_F(TimerOfType, ListIsChangedUnderTheWriteLock)
 {
     ASSERT_EQ(AddType(&typeData_), 0U);
     const HeldWorker still(*worker_);
-    Held arming = Held::No;
-    Held removing = Held::No;
+    Held arming = Held::Not;
+    Held removing = Held::Not;
     RunAtNth(Call::TimerfdSettime, 1, [&arming] { arming = TimerLockState(); });
     ASSERT_NE(XEL_TimerCreateAndStart(kGroup, kType, nullptr), nullptr);
-    EXPECT_EQ(arming, Held::Write);
+    EXPECT_EQ(arming, Held::ForWriting);
     RunAtNth(Call::EpollCtl, 1, [&removing] { removing = TimerLockState(); });
     TimerDestroyTypeTimer(kGroup, kType);
-    EXPECT_EQ(removing, Held::Write);
+    EXPECT_EQ(removing, Held::ForWriting);
     XEL_TimerDestroyGroup(kGroup);
     EXPECT_EQ(typeData_.released.load(), 1);
     EXPECT_NO_LOG();
