@@ -1,5 +1,6 @@
 // Destruction of a scheduler: its refusals, its handshake with a dispatcher, and what callbacks may
 // do meanwhile.
+#include <cerrno>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -12,6 +13,7 @@ namespace
 
 using namespace schtest;
 using xeltest::Call;
+using xeltest::i64;
 
 class SchDestroy : public SchTest
 {
@@ -28,6 +30,7 @@ protected:
         EXPECT_EQ(Measure(), before);
         EXPECT_EQ(sch->magic.load(), 0xFBADBEEFU);
         EXPECT_EQ(sch->lock.gate, 0xFFFFFFFFU);
+        EXPECT_TRUE(RegistryIsFree());
         const ReadyTask task(sch, {NoteProc, 1});
         (void)HookRecorder::Take();
         XEL_SchDispatch(sch);
@@ -133,6 +136,51 @@ TEST_F(SchDestroy, WritesThreeToItsSemaphore)
     EXPECT_TRUE(xeltest::TakeSleeps().empty());
 }
 
+TEST_F(SchDestroy, KeepsWakingWhileItWaits)
+{
+    TestSch sch;
+    SchCtrl* raw = sch.Get();
+    xeltest::ResetFaults();
+    XelRwlockReadLock(&raw->lock);
+    Runner destroyer([&sch] { sch.Destroy(); });
+    EXPECT_TRUE(AwaitTrue([] { return xeltest::Calls(Call::EventfdWrite) >= 3; }));
+    EXPECT_TRUE(WriterWaits(raw));
+    XelRwlockReadUnLock(&raw->lock);
+    EXPECT_TRUE(destroyer.AwaitEnd());
+}
+
+SchCtrl* g_watched;
+
+// The magic, who is inside the scheduler's lock, and what another writer of the registry is told.
+std::string Standing()
+{
+    return Text("magic %#x count %#x registry %d", g_watched->magic.load(), g_watched->lock.count,
+                pthread_rwlock_trywrlock(&g_xelSchRunCtrl.lock));
+}
+
+// The inner event goes first, the policy after it and the magic last, all under both locks.
+TEST_F(SchDestroy, RemovesTheInnerEventThenThePolicyUnderBothLocks)
+{
+    EpollProbe probe;
+    probe.onCtl = [](const EpollProbe::Ctl& ctl) {
+        if (ctl.op == 2) {
+            const bool isTask = SchTaskGetHandleByAppFd(ctl.fd) != nullptr;
+            HookRecorder::Note(Text("event task %d ", isTask) + Standing());
+        }
+        return 0;
+    };
+    SchPolicyOps ops = FakePolicy::Ops();
+    ops.destroy = [](void* /*policy*/) { HookRecorder::Note("policy " + Standing()); };
+    FakePolicy::noting = false;
+    TestSch sch(probe.Ops(), &ops);
+    g_watched = sch.Get();
+    (void)HookRecorder::Take();
+    sch.Destroy();
+    const std::string held = Text("magic 0xfbadbeef count 0xffffffff registry %d", EBUSY);
+    EXPECT_EQ(HookRecorder::Take(), (Notes{"event task 1 " + held, "policy " + held}));
+    EXPECT_TRUE(RegistryIsFree());
+}
+
 TEST_F(SchDestroy, FailingEventfdIsRefused)
 {
     TestSch sch;
@@ -179,10 +227,26 @@ TEST_F(SchDestroy, FailingRegistryLockIsRefused)
     EXPECT_LINES(SchLine("Sch destroy, write lock unsuccessfully, ret = -16."));
     xeltest::ResetFaults();
     ExpectUsable(sch.Get(), before);
-    Fd other = Fd::Epoll();
-    SchCtrl* another = XEL_SchCreate(other.U32(), 8);
-    EXPECT_NE(another, nullptr) << "the registry is not locked";
-    XEL_SchDestroy(another);
+}
+
+// Two faults at once: the inner event is removed before the refusal is logged.
+TEST_F(SchDestroy, RefusalIsLoggedAfterTheInnerEventIsGone)
+{
+    const auto failWith = [](Call call, u64 nth, i64 result, int errnoValue) {
+        TestSch sch;
+        xeltest::ResetFaults();
+        xeltest::FailNth(call, nth, result, errnoValue);
+        xeltest::FailNth(Call::EpollCtl, 2, -1, EBADF);
+        XEL_SchDestroy(sch.Get());
+        xeltest::ResetFaults();
+        Lines lines = TakeLines();
+        std::erase(lines, SchLine("event fd write unsuccessfully, errno = 11."));
+        ASSERT_EQ(lines.size(), 2U);
+        EXPECT_TRUE(lines[0].text.starts_with("Sch innner event del epoll unsuccessfully."));
+        EXPECT_TRUE(lines[1].text.starts_with("Sch destroy")) << lines[1].text;
+    };
+    failWith(Call::PthreadRwlockWrlock, 2, -16, 0);
+    failWith(Call::EventfdWrite, 1, -1, EAGAIN);
 }
 
 TEST_F(SchDestroy, PositiveResultOfTheRegistryLockPasses)
@@ -308,6 +372,49 @@ TEST_F(SchDestroy, TwoAtOnceDestroyOnce)
     }
     EXPECT_EQ(Measure().descriptors, before.descriptors);
     sch.Forget();
+}
+
+// The scheduler goes while its destroyer has no lock yet: what is its own is removed, then it
+// looks.
+TEST_F(SchDestroy, SchedulerThatIsGoneIsNoticedAfterTheInnerEventIsRemoved)
+{
+    EpollProbe probe;
+    TestSch sch(probe.Ops(), nullptr);
+    SchCtrl* raw = sch.Get();
+    int adds = 0;
+    int removals = 0;
+    probe.onCtl = [&](const EpollProbe::Ctl& ctl) {
+        if (ctl.op == 0 && ++adds == 1) {
+            XEL_SchDestroy(raw);
+        }
+        return ctl.op == 2 && ++removals == 2 ? -1 : 0;
+    };
+    sch.Destroy();
+    const Lines lines = TakeLines();
+    ASSERT_EQ(lines.size(), 2U);
+    EXPECT_TRUE(lines[0].text.starts_with("Sch innner event del epoll unsuccessfully."));
+    EXPECT_EQ(lines[1], SchLine("magic is damaged, magic = 0."));
+    EXPECT_TRUE(RegistryIsFree());
+}
+
+// Whoever comes late with the old handle holds the lock of a unit that becomes another scheduler.
+TEST_F(SchDestroy, LockOfAUnitIsTakenNotOverwrittenByTheNextScheduler)
+{
+    TestSch old;
+    SchCtrl* unit = old.Get();
+    old.Destroy();
+    const Fd epoll = Fd::Epoll();
+    SchCtrl* made = nullptr;
+    XelRwlockReadLock(&unit->lock);
+    Runner creator([&] { made = XEL_SchCreate(epoll.U32(), 8); });
+    EXPECT_TRUE(AwaitTrue([&] { return WriterWaits(unit) || creator.HasEnded(); }));
+    ASSERT_FALSE(creator.HasEnded());
+    EXPECT_EQ(std::atomic_ref<u32>(unit->lock.count).load(), 1U);
+    XelRwlockReadUnLock(&unit->lock);
+    creator.Join();
+    ASSERT_EQ(made, unit) << "the unit freed last is taken first";
+    EXPECT_EQ(unit->lock.count, 0U);
+    XEL_SchDestroy(made);
 }
 
 // What a callback may do while a destroyer waits for its cycle: one body, run on the dispatching

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "sch_dispatch_support.h"
+#include "xel_mem.h"
 
 namespace
 {
@@ -38,6 +39,13 @@ static_assert(offsetof(SchEpollOps, getErrNo) == 16);
 static_assert(offsetof(SchEpollOps, reserved) == 24);
 static_assert(sizeof(SchEpollOps) == 32);
 
+TEST(Version, TextsAreFixed)
+{
+    EXPECT_STREQ(g_xelSchOuterVer, "1.0");
+    EXPECT_STREQ(g_xelSchInterSubVer, "B137");
+    EXPECT_STREQ(g_xelSchMiniVer, "2.2.0");
+}
+
 constexpr const char* kBadArgument = "Sch create unsuccessfully, invalid epFd or epoll size.";
 
 std::string CreateFailed(int epFd, int size)
@@ -67,6 +75,7 @@ protected:
         EXPECT_EQ(TakeLines(), lines);
         EXPECT_EQ(Measure(), before);
         EXPECT_EQ(g_xelSchRunCtrl.created, created + createdBy);
+        EXPECT_TRUE(RegistryIsFree());
         xeltest::ResetFaults();
         SchCtrl* sch = SCH_CreateSch(epoll.Get(), 24, &ops, policy);
         ASSERT_NE(sch, nullptr) << "the next one succeeds";
@@ -107,8 +116,22 @@ TEST_F(SchRegistry, SizeIsAtMost4096)
     }
 }
 
+// Leaves blocks of this size on the heap that are not zero.
+void DirtyHeap(size_t size)
+{
+    std::vector<void*> blocks(8);
+    for (void*& block : blocks) {
+        block = XEL_MemAllocF(size, "dirty", 1, 0);
+        memset(block, 0xEE, size);
+    }
+    for (void* block : blocks) {
+        XEL_MemFreeF(block, "dirty", 2, 0);
+    }
+}
+
 TEST_F(SchRegistry, NewSchedulerIsAliveUnlockedAndMayBlock)
 {
+    DirtyHeap(24 * sizeof(struct epoll_event));
     SchCtrl* sch = XEL_SchCreate(epoll.U32(), 24);
     ASSERT_NE(sch, nullptr);
     EXPECT_EQ(sch->magic.load(), 0xFBADBEEFU);
@@ -208,6 +231,7 @@ TEST_F(SchRegistry, FailedPolicyIsUndone)
                          "epoll size = 24."),
                  SchLine(CreateFailed(epoll.Get(), 24)));
     EXPECT_EQ(Measure(), before);
+    EXPECT_TRUE(RegistryIsFree());
     EXPECT_EQ(SchGetSchHandleByEpFd(epoll.U32()), nullptr);
     EXPECT_LINES();
 }
@@ -291,7 +315,7 @@ TEST_F(SchRegistry, MissingTableIsLogged)
     EXPECT_EQ(SchCtrlCreate(epoll.U32(), 8, &ops, nullptr), nullptr);
     EXPECT_LINES(SchLine("Sch ctrl create, scheduler table handle is null."));
     g_xelSchRunCtrl.table = table;
-    TestSch sch; // the lock was given back
+    EXPECT_TRUE(RegistryIsFree());
 }
 
 TEST_F(SchRegistry, LookupFindsTheSchedulerOfADescriptor)
@@ -320,6 +344,21 @@ TEST_F(SchRegistry, LookupLogsADamagedRecord)
     const u32 other = epFd + 1;
     EXPECT_FALSE(SchMatchSchHandleWithEpFd(sch.Get(), &other));
     EXPECT_EQ(sch->lock.count, 0U);
+}
+
+TEST_F(SchRegistry, LookupComparesTheDescriptorUnderTheLock)
+{
+    TestSch sch;
+    const u32 epFd = static_cast<u32>(sch.EpFd());
+    XelRwlockWriteLock(&sch->lock);
+    const u64 yields = xeltest::Calls(Call::SchedYield);
+    Runner reader([epFd] { EXPECT_EQ(SchGetSchHandleByEpFd(epFd), nullptr); });
+    EXPECT_TRUE(
+        AwaitTrue([&] { return xeltest::Calls(Call::SchedYield) > yields || reader.HasEnded(); }));
+    sch->epFd.store(-1);
+    XelRwlockWriteUnLock(&sch->lock);
+    reader.Join();
+    sch->epFd.store(sch.EpFd());
 }
 
 TEST_F(SchRegistry, HandleCheckNamesTheFault)

@@ -105,6 +105,12 @@ Lines TakeLines()
     return lines;
 }
 
+bool RegistryIsFree()
+{
+    return pthread_rwlock_trywrlock(&g_xelSchRunCtrl.lock) == 0 &&
+           pthread_rwlock_unlock(&g_xelSchRunCtrl.lock) == 0;
+}
+
 bool WriterWaits(SchCtrl* sch)
 {
     return std::atomic_ref<u32>(sch->lock.gate).load() == 0;

@@ -101,6 +101,10 @@ std::vector<Line> TakeLines();
 using Lines = std::vector<Line>;
 #define EXPECT_LINES(...) EXPECT_EQ(schtest::TakeLines(), (schtest::Lines{__VA_ARGS__}))
 
+// True while nobody holds the registry lock. A holder's own thread is let in again by the plain
+// calls, so that a lock that was never given back shows here only.
+bool RegistryIsFree();
+
 // True while a writer waits for the scheduler's lock: a destroyer has reached its last wait.
 bool WriterWaits(SchCtrl* sch);
 
