@@ -331,6 +331,72 @@ TEST_F(SchDispatchCycle, RefusedInsertIsCountedLoggedAndPausesOneSecond)
     EXPECT_LINES();
 }
 
+// A failing step is logged, then slept for, and only then may another thread dispatch.
+TEST_F(SchDispatchCycle, FailedStepSleepsAfterItsLinesUnderTheDispatchLock)
+{
+    EpollProbe probe;
+    const SchPolicyOps ops = FakePolicy::Ops();
+    FakePolicy::noting = false;
+    TestSch sch(probe.Ops(), &ops);
+    std::vector<std::pair<u32, size_t>> found; // the dispatch lock, and the lines so far
+    xeltest::SetSleepHook(
+        [&](u32 /*seconds*/) { found.emplace_back(sch->dispatchLock.word, xeltest::LogCount()); });
+    probe.onWait = [](const EpollProbe::Wait&) { return -1; };
+    probe.errNo.store(EBADF);
+    XEL_SchDispatch(sch.Get());
+    EXPECT_EQ(TakeLines().size(), 2U);
+    probe.onWait = [](const EpollProbe::Wait&) { return 0; };
+    FakePolicy::insertResult = 7;
+    XEL_SchDispatch(sch.Get());
+    EXPECT_EQ(TakeLines().size(), 1U);
+    EXPECT_EQ(found, (std::vector<std::pair<u32, size_t>>{{1, 2}, {1, 1}}));
+}
+
+// Each code that was counted, and the lines that were in the log by then.
+std::vector<std::pair<u32, size_t>> g_counted;
+
+TEST_F(SchDispatchCycle, FailureIsCountedBeforeItsLine)
+{
+    const SchDbgHookTable table{
+        nullptr, nullptr, nullptr,
+        [](u32 /*epFd*/, u32 code) { g_counted.emplace_back(code, xeltest::LogCount()); }, nullptr};
+    SCH_RegisterDbgHookTable(&table);
+    EpollProbe probe;
+    const SchPolicyOps ops = FakePolicy::Ops();
+    FakePolicy::noting = false;
+    TestSch sch(probe.Ops(), &ops);
+    const ReadyTask failing(sch.Get(), {FailingProc, 1});
+    SchTaskCtrl* dead = MakeTask(400000);
+    XEL_TaskDestroy(dead);
+    const auto cycle = [&](std::function<int(const EpollProbe::Wait&)> onWait) {
+        probe.onWait = std::move(onWait);
+        XEL_SchDispatch(sch.Get());
+        xeltest::DropLog();
+    };
+    g_counted.clear();
+    sch->state.store(2);
+    cycle(nullptr);
+    sch->state.store(3);
+    probe.errNo.store(EBADF);
+    cycle([](const EpollProbe::Wait&) { return -1; });
+    FakePolicy::insertResult = 7;
+    cycle([](const EpollProbe::Wait&) { return 0; });
+    FakePolicy::insertResult = 0;
+    cycle([dead](const EpollProbe::Wait& wait) {
+        wait.events[0] = {EPOLLIN, {dead}};
+        return 1;
+    });
+    cycle(nullptr);
+    cycle([&](const EpollProbe::Wait&) {
+        XEL_SchDispatch(sch.Get());
+        return 0;
+    });
+    SCH_DeregisterDbgHookTable();
+    // A failed wait has a line of its own before it is counted, an invalid task has two.
+    EXPECT_EQ(g_counted, (std::vector<std::pair<u32, size_t>>{
+                             {1, 0}, {2, 1}, {5, 0}, {7, 2}, {8, 0}, {0, 0}}));
+}
+
 // Prepared, inserted, and then failing waits: what is queued stays queued.
 TEST_F(SchDispatchCycle, QueuedEventsSurviveAFailedWait)
 {

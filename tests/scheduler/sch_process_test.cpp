@@ -1,5 +1,7 @@
 // Running the selected events: the order of the calls around a callback, failures that stay with
 // their event, the order in which ready tasks run, slow runs, and the event cache by descriptor.
+#include <cerrno>
+
 #include <gtest/gtest.h>
 
 #include "sch_dispatch_support.h"
@@ -198,6 +200,22 @@ TEST_F(SchProcess, TaskWithoutCallbackIsPassedOver)
     EXPECT_EQ(sch->state.load(), 1U) << "they were events all the same";
 }
 
+u32 StateProc(struct epoll_event* /*event*/, u64 data)
+{
+    HookRecorder::Note(Text("state %u", reinterpret_cast<SchCtrl*>(data)->state.load()));
+    return 0;
+}
+
+// That the next wait only polls is settled before the first callback.
+TEST_F(SchProcess, CallbackFindsTheStateOfTheNextWait)
+{
+    for (const Policy policy : {Policy::None, Policy::Bfs}) {
+        TestSch sch(policy);
+        const ReadyTask task(sch.Get(), {StateProc, reinterpret_cast<u64>(sch.Get())});
+        EXPECT_EQ(Cycle(sch.Get()), Notes{"state 1"});
+    }
+}
+
 TEST_F(SchProcess, WithoutPolicyAllReadyRunInTheOrderOfTheWait)
 {
     EpollProbe probe;
@@ -359,6 +377,33 @@ TEST_F(SchProcess, EventCacheIsThePolicies)
     EXPECT_EQ(SCH_GetTasksEventCache(static_cast<u32>(sch.EpFd()), &record, &count), 0U);
     EXPECT_EQ(count, 1U);
     EXPECT_EQ(record.fd, 77);
+}
+
+SchCtrl* g_asked;
+
+// The policy is asked under the read side of both locks.
+TEST_F(SchProcess, EventCacheIsAskedForUnderBothLocks)
+{
+    SchPolicyOps ops = FakePolicy::Ops();
+    ops.getEventCache = [](void* /*policy*/, SchEventCacheInfo* /*records*/, u32* count) {
+        *count = 0;
+        const int another = pthread_rwlock_tryrdlock(&g_xelSchRunCtrl.lock);
+        if (another == 0) {
+            (void)pthread_rwlock_unlock(&g_xelSchRunCtrl.lock);
+        }
+        HookRecorder::Note(Text("readers %u, another reader %d, a writer %d", g_asked->lock.count,
+                                another, pthread_rwlock_trywrlock(&g_xelSchRunCtrl.lock)));
+        return 0U;
+    };
+    TestSch sch(LinuxOps(), &ops);
+    g_asked = sch.Get();
+    (void)HookRecorder::Take();
+    SchEventCacheInfo record = {};
+    u32 count = 1;
+    EXPECT_EQ(SCH_GetTasksEventCache(static_cast<u32>(sch.EpFd()), &record, &count), 0U);
+    EXPECT_EQ(HookRecorder::Take(), Notes{Text("readers 1, another reader 0, a writer %d", EBUSY)});
+    EXPECT_EQ(sch->lock.count, 0U);
+    EXPECT_TRUE(RegistryIsFree());
 }
 
 TEST_F(SchProcess, EventCacheListsWhatTheCycleLeft)

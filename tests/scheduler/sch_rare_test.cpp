@@ -93,6 +93,21 @@ TEST_F(SchRare, RecordBeforeARunTakesTheTaskAndTheStart)
                  TaskLine("Sch get task name unsuccessfully, schTaskHandle null."));
 }
 
+TEST_F(SchRare, RecordAfterARunTakesTheEndAndTheCost)
+{
+    TestSch sch(Policy::None);
+    HookRecorder hooks;
+    SchTaskTraceInfo record = {};
+    record.fd = 5;
+    record.startTime = 100;
+    SchDbgInfoRecordAfterProcess(sch.Get(), &record, 1000, 7);
+    EXPECT_EQ(record.startTime, 100U);
+    EXPECT_EQ(record.endTime, 1000U);
+    EXPECT_EQ(record.procTime, 7U) << "what the caller says, not the difference";
+    EXPECT_EQ(HookRecorder::Take(), (Notes{"stat 5 7", Text("trace %d 5 7", sch.EpFd())}));
+    EXPECT_LINES();
+}
+
 TEST_F(SchRare, PolicyThatPreparesMoreThanTheBufferHoldsGetsTheBuffersSize)
 {
     const SchPolicyOps policy = FakePolicy::Ops();

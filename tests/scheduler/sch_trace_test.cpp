@@ -1,5 +1,6 @@
 // What a run leaves behind: the trace record, and the cases in which it belongs to another event.
 #include <chrono>
+#include <sys/time.h>
 
 #include <gtest/gtest.h>
 
@@ -67,6 +68,48 @@ TEST_F(SchTrace, HookRegisteredDuringARunSeesTheTimeOfDay)
     EXPECT_EQ(g_trace.fd, task.U32());
     EXPECT_GE(g_trace.tvSec, before);
     EXPECT_LE(g_trace.tvSec, Seconds());
+}
+
+// The time of day is taken before the callback: the run below lasts until the clock has moved.
+TEST_F(SchTrace, TimeOfDayIsThatOfTheStart)
+{
+    static struct timeval begun;
+    const SchDbgHookTable table{
+        nullptr, nullptr, nullptr, nullptr,
+        [](u32 /*epFd*/, const SchDbgTaskTrace* trace) { g_trace = *trace; }};
+    SCH_RegisterDbgHookTable(&table);
+    TestSch sch(Policy::None);
+    const ReadyTask task(sch.Get(), {[](struct epoll_event* /*event*/, u64 /*data*/) {
+                             struct timeval now = {};
+                             (void)gettimeofday(&begun, nullptr);
+                             do {
+                                 (void)gettimeofday(&now, nullptr);
+                             } while (!timercmp(&begun, &now, !=));
+                             return 0U;
+                         }});
+    XEL_SchDispatch(sch.Get());
+    SCH_DeregisterDbgHookTable();
+    const struct timeval traced = {static_cast<time_t>(g_trace.tvSec),
+                                   static_cast<suseconds_t>(g_trace.tvUsec)};
+    EXPECT_FALSE(timercmp(&traced, &begun, >));
+}
+
+// What the hook of the dispatch takes belongs to the run, and so does the line of its failure.
+TEST_F(SchTrace, TimeOfTheHookAndOfTheFailureBelongToTheRun)
+{
+    TestSch sch(Policy::None);
+    HookRecorder hooks;
+    const ReadyTask task(sch.Get(), {FailingProc, 1});
+    (void)HookRecorder::Take();
+    xeltest::SetMicroSec(1000);
+    xeltest::RunAtNextLine([] { xeltest::AdvanceMicroSec(5000); });
+    SCH_DispatchWithDeadloop(sch.Get(), 0, [](u64 /*context*/, u32 phase) {
+        xeltest::AdvanceMicroSec(phase == 0 ? 10 : 300);
+    });
+    EXPECT_EQ(HookRecorder::Take(),
+              (Notes{"run 1", Text("err %d 8", sch.EpFd()), Text("stat %d 5310", task.Fd()),
+                     Text("trace %d %d 5310", sch.EpFd(), task.Fd())}));
+    EXPECT_LINES(SchLine("User proc result, param = :1. (ret = 0x5).", 80));
 }
 
 // The clock is read twice around each callback, and nothing else lies between.
