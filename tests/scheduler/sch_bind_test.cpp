@@ -57,6 +57,27 @@ TEST_F(SchBind, HookGetsTheWholeTask)
     XEL_TaskDestroy(task);
 }
 
+SchTaskCtrl* g_told;
+
+TEST_F(SchBind, HooksAreToldWhatHasHappened)
+{
+    TestSch sch;
+    const SchDbgHookTable table{
+        [](const SchDbgTaskInfo* /*info*/) {
+            HookRecorder::Note(Text("insert, bound %u", g_told->schCount));
+        },
+        [](u32 /*fd*/) { HookRecorder::Note(Text("del, bound %u", g_told->schCount)); }, nullptr,
+        nullptr, nullptr};
+    SCH_RegisterDbgHookTable(&table);
+    g_told = MakeTask(600000);
+    (void)HookRecorder::Take();
+    EXPECT_EQ(XEL_TaskAdd(sch.Get(), g_told), 0U);
+    EXPECT_EQ(XEL_TaskDel(sch.Get(), g_told), 0U);
+    SCH_DeregisterDbgHookTable();
+    EXPECT_EQ(HookRecorder::Take(), (Notes{"insert, bound 1", "del, bound 0"}));
+    XEL_TaskDestroy(g_told);
+}
+
 TEST_F(SchBind, WithoutPolicyTheBindingIsToNull)
 {
     TestSch sch(Policy::None);
@@ -84,6 +105,8 @@ TEST_F(SchBind, AddAndDelRefuseABadScheduler)
     EXPECT_EQ(XEL_TaskDel(stale, task), 22U);
     EXPECT_LINES(SchLine("sch handle magic destroy, magic = 0."), kInvalidHandle);
     EXPECT_EQ(XEL_TaskAdd(nullptr, nullptr), 22U);
+    EXPECT_LINES(SchLine("sch handle null."), kInvalidHandle);
+    EXPECT_EQ(XEL_TaskDel(nullptr, nullptr), 22U);
     EXPECT_LINES(SchLine("sch handle null."), kInvalidHandle);
     EXPECT_EQ(task->schCount, 0U);
     XEL_TaskDestroy(task);

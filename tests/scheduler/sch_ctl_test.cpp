@@ -227,6 +227,20 @@ TEST_F(SchCtl, ModifyChangesTheTaskAndLeavesTheRegistration)
     EXPECT_LINES();
 }
 
+TEST_F(SchCtl, ModifyLooksAtTheTaskOnly)
+{
+    TestSch sch;
+    TestSch other;
+    const ReadyTask task(sch.Get(), {NopProc, 1});
+    sch->magic.store(6);
+    EXPECT_EQ(ModFd(sch.Get(), task.Fd(), {NopProc, 2}), 0U) << "a damaged scheduler";
+    EXPECT_EQ(task.Task()->data, 2U);
+    sch->magic.store(0xFBADBEEF);
+    EXPECT_EQ(ModFd(other.Get(), task.Fd(), {NopProc, 3}), 0U) << "one it is not bound to";
+    EXPECT_EQ(task.Task()->data, 3U);
+    EXPECT_LINES();
+}
+
 TEST_F(SchCtl, ModifyOfADescriptorWithoutTaskFails)
 {
     TestSch sch;

@@ -91,6 +91,18 @@ TEST_F(TaskChange, DescriptorIsReadUnderTheLock)
                "Sch get fd, schTaskHandle invalid.");
 }
 
+TEST_F(TaskChange, LinesCarryTheirOwnPlaceInTheSource)
+{
+    EXPECT_EQ(SchTaskGetFdBySchHandle(nullptr), kFailed);
+    const std::vector<LogLine> both = TakeLog();
+    ASSERT_EQ(both.size(), 2U);
+    EXPECT_NE(both[0].line, both[1].line);
+    EXPECT_FALSE(SchTaskHandleIsValid(nullptr));
+    const std::vector<LogLine> again = TakeLog();
+    ASSERT_EQ(again.size(), 1U);
+    EXPECT_EQ(again[0].line, both[0].line) << "the same call, the same place";
+}
+
 TEST_F(TaskChange, MagicIsCheckedAgainBeforeTheDescriptorIsRead)
 {
     u32 result = 0;

@@ -1,5 +1,7 @@
 // Destruction of tasks: what it leaves, what it refuses, what it frees all the same.
 #include "task_support.h"
+#include "xel_list.h"
+#include "xel_pool.h"
 
 using namespace xeltest;
 using namespace tasktest;
@@ -133,6 +135,25 @@ TEST_F(TaskDestroy, HandleThatIsNoEntryIsRefusedUnderTheLock)
     EXPECT_TRUE(LockIsFree(foreign.Get()));
     EXPECT_EQ(pthread_rwlock_trywrlock(&g_xelTaskRunCtrl.rwlock), 0);
     EXPECT_EQ(pthread_rwlock_unlock(&g_xelTaskRunCtrl.rwlock), 0);
+}
+
+TEST_F(TaskDestroy, EntryWithoutItsNodeIsRefusedAndFreed)
+{
+    const Fd fd = Fd::Event();
+    SchTaskCtrl* unit = Task(fd.Get()).Release();
+    void* node = nullptr;
+    SwapNode(unit, &node);
+    unit->init = 0; // the entry is checked before this
+    XEL_TaskDestroy(unit);
+    EXPECT_LOG(kTaskSource, "Task destroy unsuccessfully, fd handle is invalid.");
+    EXPECT_FALSE(FtEntryIsValid(unit, false));
+    EXPECT_EQ(unit->magic.load(), 0x3DFFE844U) << "the record is left as it is";
+    EXPECT_TRUE(LockIsFree(unit));
+    EXPECT_EQ(SchTaskGetHandleByAppFd(fd.Get()), nullptr);
+    EXPECT_NO_LOG();
+    XelDllDel(static_cast<XelDll*>(node));
+    FmmUnitFree(node);
+    ForceMagic(unit, 0);
 }
 
 TEST_F(TaskDestroy, DestructionWaitsForAReaderOfTheTask)

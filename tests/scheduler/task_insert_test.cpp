@@ -196,6 +196,18 @@ TEST_F(TaskQuery, EventsAreTakenBesideAReader)
     EXPECT_EQ(event_.events, 0U);
 }
 
+TEST_F(TaskQuery, TakingSeesADeathUnderTheLock)
+{
+    task_->events.store(EPOLLIN);
+    u32 result = 0;
+    const u32 version = task_->version;
+    ChangeWhileItReads(
+        task_, [&] { result = GetEvent(version); }, [this] { task_->init = 0; });
+    EXPECT_EQ(result, kFailed);
+    EXPECT_LOG(kTaskSource, "Task get event unsuccessfully, handle has been destroyed.");
+    EXPECT_EQ(task_->events.load(), u32{EPOLLIN});
+}
+
 TEST_F(TaskQuery, TaskInAReusedUnitRefusesOldVersions)
 {
     const u32 version = task_->version;

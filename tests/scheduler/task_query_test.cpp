@@ -56,6 +56,21 @@ TEST_F(TaskQuery, RunRefusesInvalidAndDeadTasks)
     EXPECT_EQ(data, 99U);
 }
 
+TEST_F(TaskQuery, RunSeesADeathUnderTheLock)
+{
+    XelTaskProc proc = nullptr;
+    u64 data = 99;
+    u32 result = 0;
+    ChangeWhileItReads(
+        task_, [&] { result = SchTaskGetInfoProcess(task_, &proc, &data); },
+        [this] { task_->init = 0; });
+    EXPECT_EQ(result, kFailed);
+    EXPECT_LOG(kTaskSource,
+               "Task get info process unsuccessfully, handle has been destroyed. (init "
+               "= 0)");
+    EXPECT_EQ(proc, nullptr);
+}
+
 TEST_F(TaskQuery, CacheRecordGetsTheIdentityOnly)
 {
     SchEventCacheInfo out;
@@ -114,6 +129,22 @@ TEST_F(TaskQuery, CacheRecordIsFilledBesideAReader)
     XelRwlockReadLock(&task_->lock);
     EXPECT_EQ(SchTaskGetDbgInfo(task_, task_->version, &out), 0U);
     XelRwlockReadUnLock(&task_->lock);
+}
+
+TEST_F(TaskQuery, CacheRecordSeesADeathUnderTheLock)
+{
+    SchEventCacheInfo out;
+    Fill(&out);
+    u32 result = 0;
+    const u32 version = task_->version;
+    ChangeWhileItReads(
+        task_, [&] { result = SchTaskGetDbgInfo(task_, version, &out); },
+        [this] { task_->init = 0; });
+    EXPECT_EQ(result, kFailed);
+    EXPECT_LOG(kTaskSource,
+               "Task get debug info unsuccessfully, handle had been destroyed already, "
+               "init = 0.");
+    EXPECT_TRUE(IsUntouched(out));
 }
 
 TEST_F(TaskQuery, HookRecordIsFilledWhileHooksAreRegistered)
@@ -258,14 +289,35 @@ TEST_F(TaskQuery, TraceTakesNoLockAndAnswersWithTheClocksResult)
     EXPECT_NO_LOG();
 }
 
-TEST_F(TaskQuery, TraceGoesOnWhenTheNameCannotBeCopied)
+// No setter leaves such a name behind.
+TEST_F(TaskQuery, TraceOfANameWithoutEndHasOneWithAnEnd)
 {
-    SchTaskTraceInfo trace{};
-    FailNth(Call::StrcpyS, 1);
+    SchTaskTraceInfo trace;
+    Fill(&trace);
+    memset(task_->name, 'x', sizeof(task_->name));
     EXPECT_EQ(SchGetTraceDbgInfo(task_, &trace), 0);
+    EXPECT_LT(strnlen(trace.name, sizeof(trace.name)), sizeof(trace.name));
     EXPECT_EQ(trace.fd, fd_.Get());
     EXPECT_EQ(trace.procFunc, NopProc);
     EXPECT_NO_LOG();
+}
+
+TEST_F(TaskQuery, ReadersAnswerBesideAReader)
+{
+    XelRwlockReadLock(&task_->lock);
+    Runner readers([this] {
+        XelTaskProc proc = nullptr;
+        u64 data = 0;
+        SchTaskTraceInfo trace;
+        SchDbgTaskInfo info;
+        EXPECT_EQ(SchTaskGetInfoProcess(task_, &proc, &data), 0U);
+        EXPECT_EQ(SchTaskGetFdBySchHandle(task_), fd_.U32());
+        EXPECT_EQ(SchTaskGetSimpleDbgByHandle(task_, &trace), 0U);
+        EXPECT_EQ(SchTaskGetDbgInfoByTaskHandle(task_, &info), 0U);
+        EXPECT_EQ(SchTaskGetHandleByAppFd(fd_.Get()), task_);
+    });
+    EXPECT_TRUE(readers.AwaitEnd());
+    XelRwlockReadUnLock(&task_->lock);
 }
 
 } // namespace

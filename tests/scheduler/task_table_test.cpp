@@ -369,6 +369,19 @@ TEST_F(TaskTest, MatcherComparesTheDescriptor)
     EXPECT_NO_LOG();
 }
 
+TEST_F(TaskTest, MatcherComparesUnderTheLock)
+{
+    const Fd fd = Fd::Event();
+    const Task task(fd.Get());
+    const i32 same = fd.Get();
+    bool isMatch = true;
+    ChangeWhileItReads(
+        task.Get(), [&] { isMatch = SchMatchTaskHandleWithAppFd(task.Get(), &same); },
+        [&task] { task->fd = -1; });
+    EXPECT_FALSE(isMatch);
+    task->fd = same;
+}
+
 TEST_F(TaskTest, MatcherRefusesADamagedRecordAloud)
 {
     const Fd fd = Fd::Event();
