@@ -74,6 +74,14 @@ TEST_F(Bfs, NewInstanceIsEmpty)
     EXPECT_TRUE(bfs.ListCache(4).empty());
 }
 
+TEST_F(Bfs, PoolsAreAskedForWithNumber8AndMode1)
+{
+    (void)xeltest::TakePoolRequests();
+    const TestBfs bfs(16);
+    EXPECT_EQ(xeltest::TakePoolRequests(),
+              (std::vector<xeltest::PoolRequest>{{24, 8, 1}, {sizeof(SchBfsEvent), 8, 1}}));
+}
+
 TEST_F(Bfs, CreationWithoutMemoryIsSilent)
 {
     const Footprint before = Measure();

@@ -60,6 +60,10 @@ void InitialisesOnce()
     EXPECT_EQ(g_xelSchRunCtrl.inited.load(), 1);
     EXPECT_EQ(g_xelTaskRunCtrl.init.load(), 1);
     EXPECT_EQ(g_xelSchRunCtrl.created, 0U);
+    EXPECT_EQ(
+        xeltest::TakePoolRequests(),
+        (std::vector<xeltest::PoolRequest>{{24, 32, 2}, {136, 32, 6}, {24, 32, 2}, {144, 32, 6}}))
+        << "the table of the tasks, then that of the schedulers";
     FtCtrl* table = g_xelSchRunCtrl.table;
     EXPECT_EQ(SchInit(), 0U);
     TestSch sch;
@@ -136,6 +140,16 @@ struct InitFault {
     Lines lines;
 };
 
+void Plan(const InitFault& fault)
+{
+    xeltest::ResetFaults();
+    if (fault.call == Call::PthreadRwlockInit) {
+        xeltest::FailNth(fault.call, fault.nth, -1);
+    } else {
+        xeltest::FailNth(fault.call, fault.nth);
+    }
+}
+
 // Every step of the first creation, up to the registry's own lock, in the order of the calls.
 void EachStepFails()
 {
@@ -152,14 +166,12 @@ void EachStepFails()
     const Fd epoll = Fd::Epoll();
     const Footprint before = Measure();
     for (const InitFault& fault : faults) {
-        xeltest::ResetFaults();
-        if (fault.call == Call::PthreadRwlockInit) {
-            xeltest::FailNth(fault.call, fault.nth, -1);
-        } else {
-            xeltest::FailNth(fault.call, fault.nth);
-        }
+        Plan(fault);
         EXPECT_EQ(XEL_SchCreate(epoll.U32(), 8), nullptr);
         EXPECT_EQ(TakeLines(), fault.lines);
+        Plan(fault);
+        EXPECT_EQ(SchInit(), 0xFFFFFFFFU);
+        EXPECT_EQ(TakeLines(), Lines(fault.lines.begin(), fault.lines.end() - 1));
         EXPECT_EQ(g_xelSchRunCtrl.inited.load(), 0);
         EXPECT_EQ(g_xelTaskRunCtrl.init.load(), 0);
         EXPECT_EQ(Measure(), before);
@@ -228,6 +240,27 @@ void FinalTakesTheSchedulers()
 TEST(SchInitialisation, HandleOfAFinalisedRegistryIsRefused)
 {
     XELTEST_IN_FRESH_PROCESS(FinalTakesTheSchedulers);
+}
+
+// The pointers to the tables stay after the end, and are not followed.
+void NothingIsMadeAfterTheEnd()
+{
+    const SchEpollOps ops = LinuxOps();
+    const Attr attr;
+    EXPECT_EQ(SchInit(), 0U);
+    EXPECT_EQ(SchFinal(), 0U);
+    EXPECT_NE(g_xelSchRunCtrl.table, nullptr);
+    EXPECT_NE(g_xelTaskRunCtrl.fdTbl, nullptr);
+    EXPECT_EQ(SchCtrlCreate(3, 8, &ops, nullptr), nullptr);
+    EXPECT_LINES(SchLine("Sch ctrl create, scheduler table handle is null."));
+    EXPECT_EQ(SchTaskCreate(0, attr.Get()), nullptr);
+    EXPECT_LINES(TaskLine("Task manage handle null."));
+    EXPECT_TRUE(RegistryIsFree());
+}
+
+TEST(SchInitialisation, TablesAreNotUsedAfterTheEnd)
+{
+    XELTEST_IN_FRESH_PROCESS(NothingIsMadeAfterTheEnd);
 }
 
 void ThreadsRace()

@@ -10,3 +10,7 @@ foreach(program bfs_test bfs_select_test bfs_cache_test bfs_model_test sch_regis
     xel_add_test(${program} LABEL scheduler SOURCES ${program}.cpp
                  LIBRARIES xel_sch_test_support xel_test_support)
 endforeach()
+
+# Definitions of its own stand in front of the memory service, so none of the helpers.
+xel_add_test(sch_requests_test LABEL scheduler LIBRARIES xel_options xelsch xelbase
+    SOURCES sch_requests_test.cpp)
