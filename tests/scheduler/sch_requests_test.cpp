@@ -74,6 +74,8 @@ protected:
     void SetUp() override
     {
         ASSERT_EQ(SchInit(), 0U);
+        g_allocs.clear();
+        g_frees.clear();
         g_isNoting = true;
     }
     void TearDown() override
