@@ -154,6 +154,9 @@ int Run(u64 seconds, u64 seed)
     }
     std::vector<std::unique_ptr<Worker>> workers;
     RunWorkers(seconds, seed, workers);
+    // A timer that is due when its thread is destroyed never ends.
+    Ledger& timers = Of(Book::TimerData);
+    Await("the end of the last timers", [&] { return timers.out.load() == timers.in.load(); });
     for (XelThreadCtrl* thread : g_threads) {
         SOAK_CHECK(SchEventThreadDestory(thread) == XEL_OK);
     }
