@@ -130,7 +130,7 @@ u32 SchCreateTask(SchCtrl* sch, i32 fd, SchEpollCtlReq* req)
     event.events = req->events | EPOLLIN;
     event.data.ptr = task;
     if (SchMaySetAside(sch)) {
-        TaskWatchBegin(task, EpFdOf(sch), event.events);
+        TaskWatchBegin(task, event.events);
     }
     if (sch->epollOps.ctl(EpFdOf(sch), XEL_SCH_EPOLL_ADD, fd, &event) < 0) {
         XEL_LOG_FAIL(kSchLog,

@@ -72,9 +72,9 @@ inline u32 TaskMagicOf(const SchTaskCtrl* task)
 // Size of a task's unit in the table: the record, and behind it the tail.
 constexpr size_t kTaskUnitSize = 128;
 
-// Behind the record in its unit: what the library keeps beside the record's own fields.
 constexpr i32 kSeveralEpFds = -1; // or one that is not known
 
+// Behind the record in its unit: what the library keeps beside the record's own fields.
 struct SchTaskTail {
     SchTaskCtrl* next; // in its bucket of the descriptor index; under the table lock
     u32 key;           // descriptor + 1 while in the index, else 0; under the table lock

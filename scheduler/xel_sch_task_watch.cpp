@@ -155,14 +155,15 @@ u32 TaskReadiness(i32 fd, u32 events)
     return static_cast<u32>(look.revents) & (wanted | kAlwaysReported);
 }
 
-void TaskWatchBegin(SchTaskCtrl* task, i32 epFd, u32 events)
+void TaskWatchBegin(SchTaskCtrl* task, u32 events)
 {
     if ((events & ~kPlainEvents) != 0) {
         return;
     }
     const ShortWriteGuard guard(task->lock);
-    TailOf(task)->epFd = epFd;
-    SetWatch(task, events | kWatchOn);
+    if (TailOf(task)->epFd != kSeveralEpFds) {
+        SetWatch(task, events | kWatchOn);
+    }
 }
 
 void TaskWatchEndLocked(SchTaskCtrl* task)

@@ -42,9 +42,9 @@ struct TaskWatch {
 // What a descriptor is ready for now, of these events; an error or a hang-up in any case.
 u32 TaskReadiness(i32 fd, u32 events);
 
-// Before the descriptor is registered with these events. Other than plain level-triggered masks are
-// left alone.
-void TaskWatchBegin(SchTaskCtrl* task, i32 epFd, u32 events);
+// Before the descriptor is registered with these events, on the epoll instance of the scheduler
+// that the task is bound to. Other than plain level-triggered masks are left alone.
+void TaskWatchBegin(SchTaskCtrl* task, u32 events);
 
 // The registration becomes as it was made and is left alone from now on. Locked: the caller holds
 // the write side of the task's lock.

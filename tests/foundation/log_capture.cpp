@@ -5,29 +5,18 @@
 #include <cstdlib>
 #include <ctime>
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include "sanitized.h"
+#include "tests/support/next_symbol.h"
 
 LogFakes g_fakes;
 
-namespace
-{
-
-template <typename Function>
-Function Next(const char* name)
-{
-    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
-}
-
-} // namespace
-
 extern "C" ssize_t write(int fd, const void* bytes, size_t size)
 {
-    static const auto next = Next<ssize_t (*)(int, const void*, size_t)>("write");
+    static const auto next = xeltest::NextSymbol<ssize_t (*)(int, const void*, size_t)>("write");
     if (fd != STDERR_FILENO) {
         return next(fd, bytes, size);
     }
@@ -44,7 +33,8 @@ extern "C" ssize_t write(int fd, const void* bytes, size_t size)
 #if !XEL_THREAD_SANITIZED
 extern "C" void* mmap(void* hint, size_t size, int protection, int flags, int fd, off_t offset)
 {
-    static const auto next = Next<void* (*)(void*, size_t, int, int, int, off_t)>("mmap");
+    static const auto next =
+        xeltest::NextSymbol<void* (*)(void*, size_t, int, int, int, off_t)>("mmap");
     g_fakes.mmaps++;
     if (g_fakes.mmapFails) {
         errno = ENOMEM;
@@ -58,7 +48,7 @@ extern "C" void* mmap(void* hint, size_t size, int protection, int flags, int fd
 
 extern "C" int clock_gettime(clockid_t clock, timespec* out) noexcept
 {
-    static const auto next = Next<int (*)(clockid_t, timespec*)>("clock_gettime");
+    static const auto next = xeltest::NextSymbol<int (*)(clockid_t, timespec*)>("clock_gettime");
     if (clock == CLOCK_REALTIME && g_fakes.fixedSeconds >= 0) {
         out->tv_sec = g_fakes.fixedSeconds;
         out->tv_nsec = g_fakes.fixedNano;

@@ -7,6 +7,7 @@
 #include <set>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -166,6 +167,31 @@ TEST_F(SchAside, OtherMasksAndForeignRegistrationsAreLeftAlone)
     Dispatch(sch.Get(), 3 * kMany);
     EXPECT_GT(sch->policyOps.getEventLeft(sch->policy), 30U) << "there was a crowd";
     EXPECT_EQ(xeltest::Calls(Call::EpollCtl), before);
+    RemoveBulk(sch.Get());
+}
+
+SchCtrl* g_second;
+
+// Somebody binds the task to another scheduler before its descriptor is registered.
+TEST_F(SchAside, TaskThatIsBoundTwiceBeforeItsRegistrationIsLeftAlone)
+{
+    TestSch sch;
+    TestSch second;
+    g_second = second.Get();
+    const SchDbgHookTable table{[](const SchDbgTaskInfo* info) {
+                                    SchCtrl* to = std::exchange(g_second, nullptr);
+                                    SchTaskCtrl* task = SchTaskGetHandleByAppFd(info->fd);
+                                    EXPECT_TRUE(to == nullptr || XEL_TaskAdd(to, task) == 0U);
+                                },
+                                nullptr, nullptr, nullptr, nullptr};
+    SCH_RegisterDbgHookTable(&table);
+    AddBulk(sch.Get(), 1);
+    SCH_DeregisterDbgHookTable();
+    const SchTaskCtrl* twice = SchTaskGetHandleByAppFd(fds_[0].Get());
+    EXPECT_EQ(twice->schCount, 2U);
+    EXPECT_EQ(twice->watch.load(), 0U);
+    AddBulk(sch.Get(), 1);
+    EXPECT_NE(SchTaskGetHandleByAppFd(fds_[1].Get())->watch.load(), 0U);
     RemoveBulk(sch.Get());
 }
 

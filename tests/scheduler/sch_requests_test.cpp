@@ -1,7 +1,6 @@
 // What the scheduler asks of the memory service: the file and the line that each request names.
 // This program puts its own definitions in front of that service; they note the request and pass it
 // on.
-#include <dlfcn.h>
 #include <string>
 #include <sys/epoll.h>
 #include <unistd.h>
@@ -11,6 +10,7 @@
 
 #include "common/xel_int.h"
 #include "scheduler/xel_scheduler_inner.h"
+#include "tests/support/next_symbol.h"
 #include "xel_mem.h"
 
 namespace
@@ -34,25 +34,19 @@ void Note(std::vector<Request>& list, const char* file, u32 line, u32 flags)
     }
 }
 
-template <typename Function>
-Function Next(const char* name)
-{
-    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
-}
-
 } // namespace
 
 void* XEL_MemAllocF(size_t size, const char* file, uint32_t line, uint32_t flags)
 {
     Note(g_allocs, file, line, flags);
-    static const auto next = Next<decltype(&XEL_MemAllocF)>("XEL_MemAllocF");
+    static const auto next = xeltest::NextSymbol<decltype(&XEL_MemAllocF)>("XEL_MemAllocF");
     return next(size, file, line, flags);
 }
 
 void XEL_MemFreeF(void* block, const char* file, uint32_t line, uint32_t flags)
 {
     Note(g_frees, file, line, flags);
-    static const auto next = Next<decltype(&XEL_MemFreeF)>("XEL_MemFreeF");
+    static const auto next = xeltest::NextSymbol<decltype(&XEL_MemFreeF)>("XEL_MemFreeF");
     next(block, file, line, flags);
 }
 

@@ -2,7 +2,6 @@
 // of names, memory, and the order in which a queue goes. This program puts its own definitions in
 // front of those services; they note the request and pass it on.
 #include <atomic>
-#include <dlfcn.h>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -13,6 +12,7 @@
 #include "event/xel_event_inner.h"
 #include "msgque_light/xel_msgque_light_inner.h"
 #include "service_msgque/xel_service_mq_inner.h"
+#include "tests/support/next_symbol.h"
 #include "xel_hash.h"
 #include "xel_mem.h"
 #include "xel_queue.h"
@@ -54,12 +54,6 @@ void Note(List& list, Value&& value)
     }
 }
 
-template <typename Function>
-Function Next(const char* name)
-{
-    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
-}
-
 // What a given-back block leaves in the notes.
 std::string BlockNote(const char* file)
 {
@@ -88,21 +82,24 @@ auto Noting(Body&& body)
 void* XelFlexibleQueCreate(uint32_t elemSize, uint32_t mode, uint32_t capacity)
 {
     Note(g_notes.queues, QueueRequest{elemSize, mode, capacity});
-    static const auto next = Next<decltype(&XelFlexibleQueCreate)>("XelFlexibleQueCreate");
+    static const auto next =
+        xeltest::NextSymbol<decltype(&XelFlexibleQueCreate)>("XelFlexibleQueCreate");
     return next(elemSize, mode, capacity);
 }
 
 void XelFlexibleQueDestroy(void* queue)
 {
     Note(g_notes.ends, "queue");
-    static const auto next = Next<decltype(&XelFlexibleQueDestroy)>("XelFlexibleQueDestroy");
+    static const auto next =
+        xeltest::NextSymbol<decltype(&XelFlexibleQueDestroy)>("XelFlexibleQueDestroy");
     next(queue);
 }
 
 void* XelHashDllTblCreate(const XelHashDllParam* params)
 {
     Note(g_notes.tables, *params);
-    static const auto next = Next<decltype(&XelHashDllTblCreate)>("XelHashDllTblCreate");
+    static const auto next =
+        xeltest::NextSymbol<decltype(&XelHashDllTblCreate)>("XelHashDllTblCreate");
     return next(params);
 }
 
@@ -110,7 +107,7 @@ void* XEL_MemAllocF(size_t size, const char* file, uint32_t line, uint32_t flags
 {
     EXPECT_NE(line, 0U);
     Note(g_notes.blocks, BlockRequest{size, file, flags});
-    static const auto next = Next<decltype(&XEL_MemAllocF)>("XEL_MemAllocF");
+    static const auto next = xeltest::NextSymbol<decltype(&XEL_MemAllocF)>("XEL_MemAllocF");
     return next(size, file, line, flags);
 }
 
@@ -119,7 +116,7 @@ void XEL_MemFreeF(void* block, const char* file, uint32_t line, uint32_t flags)
     EXPECT_NE(line, 0U);
     EXPECT_EQ(flags, 0U);
     Note(g_notes.ends, BlockNote(file));
-    static const auto next = Next<decltype(&XEL_MemFreeF)>("XEL_MemFreeF");
+    static const auto next = xeltest::NextSymbol<decltype(&XEL_MemFreeF)>("XEL_MemFreeF");
     next(block, file, line, flags);
 }
 

@@ -4,6 +4,7 @@
 
 #include <dlfcn.h>
 
+#include "tests/support/next_symbol.h"
 #include "xel_mem.h"
 
 namespace moxtest
@@ -29,12 +30,6 @@ void FreeInfo(XelMoxEventsInfo* info)
 {
     XEL_MemFreeF(info->buffer, "mox_support", 1, 0);
     XEL_MemFreeF(info, "mox_support", 1, 0);
-}
-
-template <typename Function>
-Function RealOf(const char* name)
-{
-    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
 }
 
 } // namespace
@@ -167,7 +162,7 @@ void DropBuffer()
 void* dlopen(const char* file, int flags) noexcept
 {
     using namespace moxtest;
-    static const auto real = RealOf<void* (*)(const char*, int)>("dlopen");
+    static const auto real = xeltest::NextSymbol<void* (*)(const char*, int)>("dlopen");
     if (file == nullptr || strstr(file, "tzkbase") == nullptr || file[0] == '/') {
         return real(file, flags);
     }
@@ -183,7 +178,7 @@ void* dlopen(const char* file, int flags) noexcept
 int dlclose(void* handle) noexcept
 {
     using namespace moxtest;
-    static const auto real = RealOf<int (*)(void*)>("dlclose");
+    static const auto real = xeltest::NextSymbol<int (*)(void*)>("dlclose");
     if (handle == g_lastHandle.load()) {
         g_closed.fetch_add(1);
     }
