@@ -102,6 +102,9 @@ public:
     // Whether wake-ups that arrive together make one run only.
     virtual bool MergesWakes() const { return false; }
 
+    // Whether its thread runs before Start.
+    virtual bool RunsFromCreation() const { return false; }
+
     // Creates and arms a periodic timer; stops and destroys it.
     virtual void Add(Timer& timer) = 0;
     virtual void Delete(Timer& timer) = 0;

@@ -1,4 +1,6 @@
 // Timers: the cost of one more beside many, and how exactly a thousand of them run.
+#include <atomic>
+#include <cstdint>
 #include <unistd.h>
 #include <vector>
 
@@ -47,26 +49,24 @@ class Periodic
 public:
     Periodic(Loop& loop, int count, int periodMs, double seconds)
         : loop_(loop),
-          spreadNs_(static_cast<std::uint64_t>(periodMs) * kNsPerMs /
-                    static_cast<std::uint64_t>(count)),
-          fromNs_(NowNs() + kWarmUpMs * kNsPerMs),
-          toNs_(fromNs_ + static_cast<std::uint64_t>(seconds * 1e9)),
+          periodNs_(static_cast<std::uint64_t>(periodMs) * kNsPerMs),
+          spanNs_(static_cast<std::uint64_t>(seconds * 1e9)),
           targets_(static_cast<std::size_t>(count))
     {
         latenessUs_.reserve(static_cast<std::size_t>(2 * count * seconds * 1e3 / periodMs));
-        std::uint64_t next = NowNs();
-        for (Target& target : targets_) {
-            next += spreadNs_;
-            while (NowNs() < next) {
+        // A loop that runs meanwhile takes its share of the processor: there the timers come in
+        // several rounds of a period each, side by side, with time enough between two. Any other
+        // one gets all within the first period, before one of them is due.
+        const std::size_t rounds = loop.RunsFromCreation() ? 8 : 1;
+        const std::uint64_t spreadNs = periodNs_ / targets_.size();
+        std::uint64_t roundNs = NowNs();
+        for (std::size_t first = 0; first < rounds; ++first) {
+            roundNs += periodNs_;
+            for (std::size_t i = first; i < targets_.size(); i += rounds) {
+                Create(targets_[i], roundNs + i * spreadNs);
             }
-            target.owner = this;
-            target.timer.periodMs = static_cast<std::uint32_t>(periodMs);
-            target.timer.proc = OnExpiry;
-            target.timer.data = &target;
-            loop_.RefreshTime();
-            target.dueNs = NowNs();
-            loop_.Add(target.timer);
         }
+        fromNs_.store(NowNs() + kWarmUpMs * kNsPerMs, std::memory_order_release);
     }
     void Stop()
     {
@@ -79,9 +79,9 @@ public:
     // Processor time of the process between the end of the warm-up and the end of the measurement.
     std::uint64_t WaitAndCountCpuNs() const
     {
-        SleepUntil(fromNs_);
+        SleepUntil(fromNs_.load());
         const std::uint64_t begin = ProcessCpuNs();
-        SleepUntil(toNs_);
+        SleepUntil(fromNs_.load() + spanNs_);
         return ProcessCpuNs() - begin;
     }
 
@@ -97,6 +97,24 @@ private:
 
     static constexpr std::uint64_t kWarmUpMs = 200;
 
+    // Creates a timer at that moment. After a delay, a loop that runs meanwhile gets it whole
+    // periods later, so that the grids of the timers that follow are not bunched.
+    void Create(Target& target, std::uint64_t moment)
+    {
+        std::uint64_t now = NowNs();
+        if (now > moment && loop_.RunsFromCreation()) {
+            moment += (now - moment + periodNs_ - 1) / periodNs_ * periodNs_;
+        }
+        for (; now < moment; now = NowNs()) {
+        }
+        target.owner = this;
+        target.timer.periodMs = static_cast<std::uint32_t>(periodNs_ / kNsPerMs);
+        target.timer.proc = OnExpiry;
+        target.timer.data = &target;
+        loop_.RefreshTime();
+        target.dueNs = NowNs();
+        loop_.Add(target.timer);
+    }
     static void SleepUntil(std::uint64_t moment)
     {
         for (std::uint64_t now = NowNs(); now < moment; now = NowNs()) {
@@ -109,16 +127,17 @@ private:
         Periodic* self = target->owner;
         target->dueNs += target->timer.expirations * target->timer.periodMs * kNsPerMs;
         const std::uint64_t now = NowNs();
-        if (now >= self->fromNs_ && now < self->toNs_) {
+        const std::uint64_t from = self->fromNs_.load(std::memory_order_relaxed);
+        if (now >= from && now - from < self->spanNs_) {
             const auto lateNs = static_cast<std::int64_t>(now - target->dueNs); // below 0: early
             self->latenessUs_.push_back(static_cast<double>(lateNs) / 1e3);
         }
     }
 
     Loop& loop_;
-    const std::uint64_t spreadNs_;
-    const std::uint64_t fromNs_;
-    const std::uint64_t toNs_;
+    const std::uint64_t periodNs_;
+    const std::uint64_t spanNs_;
+    std::atomic<std::uint64_t> fromNs_{UINT64_MAX}; // known when all timers are created
     std::vector<double> latenessUs_;
     std::vector<Target> targets_;
 };

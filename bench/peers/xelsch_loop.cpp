@@ -174,6 +174,8 @@ public:
     void Delete(Wake& wake) override { XEL_EventDestroy(wake.room.As<XelEventNode*>()); }
     void Send(Wake& wake) override { (void)XEL_EventNotify(wake.room.As<XelEventNode*>()); }
 
+    bool RunsFromCreation() const override { return true; }
+
     void Add(Timer& timer) override
     {
         const XelTimerUsrCb callback = {OnTimer, &timer};
