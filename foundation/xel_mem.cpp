@@ -12,7 +12,7 @@
 namespace
 {
 
-// Counts of a few threads. A message is often allocated on one processor and freed on another: with
+// Counts of the threads. A message is often allocated on one processor and freed on another: with
 // one set of counters its cache line would travel twice for each. Only the sums over all mean
 // something; bytes may go below zero in one part and wraps.
 //
@@ -25,20 +25,35 @@ struct alignas(64) Counts {
     std::atomic<u64> bytes;
 };
 
+// The first threads have parts of their own, which nobody else changes; all others share the last
+// one.
 constexpr u32 kParts = 16;
+constexpr u32 kSharedPart = kParts - 1;
 
 constinit Counts g_xelMemCounts[kParts] = {};
 constinit std::atomic<u32> g_xelMemThreads{0};
 constinit thread_local Counts* t_xelMemCounts = nullptr;
 
-// The calling thread's part; threads take them in turns.
+// The calling thread's part.
 Counts& Part()
 {
     if (t_xelMemCounts == nullptr) {
-        const u32 number = g_xelMemThreads.fetch_add(1, std::memory_order_relaxed);
-        t_xelMemCounts = &g_xelMemCounts[number % kParts];
+        const u32 number = g_xelMemThreads.load(std::memory_order_relaxed) < kSharedPart
+                               ? g_xelMemThreads.fetch_add(1, std::memory_order_relaxed)
+                               : kSharedPart;
+        t_xelMemCounts = &g_xelMemCounts[number < kSharedPart ? number : kSharedPart];
     }
     return *t_xelMemCounts;
+}
+
+// Adds to a count of the calling thread's part.
+void AddTo(const Counts& part, std::atomic<u64>& count, u64 change, std::memory_order order)
+{
+    if (&part == &g_xelMemCounts[kSharedPart]) {
+        count.fetch_add(change, order);
+    } else {
+        count.store(count.load(std::memory_order_relaxed) + change, order);
+    }
 }
 
 } // namespace
@@ -50,8 +65,8 @@ void* XEL_MemAllocF(size_t size, const char*, uint32_t, uint32_t)
         return nullptr;
     }
     Counts& part = Part();
-    part.allocated.fetch_add(1, std::memory_order_relaxed);
-    part.bytes.fetch_add(malloc_usable_size(block), std::memory_order_relaxed);
+    AddTo(part, part.allocated, 1, std::memory_order_relaxed);
+    AddTo(part, part.bytes, malloc_usable_size(block), std::memory_order_relaxed);
     return block;
 }
 
@@ -61,8 +76,8 @@ void XEL_MemFreeF(void* ptr, const char*, uint32_t, uint32_t)
         return;
     }
     Counts& part = Part();
-    part.bytes.fetch_sub(malloc_usable_size(ptr), std::memory_order_relaxed);
-    part.freed.fetch_add(1, std::memory_order_release);
+    AddTo(part, part.bytes, 0 - malloc_usable_size(ptr), std::memory_order_relaxed);
+    AddTo(part, part.freed, 1, std::memory_order_release);
     free(ptr);
 }
 
