@@ -1,7 +1,7 @@
 /* Registrations that a crowded policy sets aside while their tasks are queued.
  *
- * Mirrors: TaskWatchBegin, TaskWatchReported, TaskWatchChangeByReport, TaskWatchSetAside,
- * TaskWatchPutBack, PutBackLocked, TaskWatchPutBackAll, TaskWatchEnd, TaskWatchForget
+ * Mirrors: TaskWatchBeginLocked, TaskWatchReported, TaskWatchChangeByReport, TaskWatchSetAside,
+ * TaskWatchPutBack, PutBackLocked, TaskWatchPutBackAll, TaskWatchEnd, TaskWatchForgetLocked
  * (scheduler/xel_sch_task_watch.h and .cpp); SchTaskGetInfoInsert, SchTaskTakeEvent,
  * SchTaskDropEvent (scheduler/xel_sch_task_query.cpp); SCH_BfsResPrepare, InsertEvent, PickGroup,
  * TakePending, BfsMayBlock (scheduler/xel_sch_policy_bfs.cpp); RunCycle, SchEventsGet

@@ -32,24 +32,8 @@ i32 EpFdOf(const SchCtrl* sch)
     return sch == nullptr ? -1 : sch->epFd.load(std::memory_order_relaxed);
 }
 
-// XEL_TaskDel but for the registration.
-u32 Unbind(SchCtrl* sch, SchTaskCtrl* task)
-{
-    void* policy = nullptr;
-    if (SchGetPolicyHandleBySchHandle(sch, &policy) != XEL_OK) {
-        return XEL_EINVAL;
-    }
-    if (SchTaskGetFdBySchHandle(task) == XEL_FAIL) {
-        return XEL_EINVAL;
-    }
-    SchTaskRmScheduler(task, policy);
-    SchDbgDelTask(sch, task);
-    return XEL_OK;
-}
-
-} // namespace
-
-uint32_t XEL_TaskAdd(SchCtrl* sch, SchTaskCtrl* task)
+// XEL_TaskAdd. With events, the descriptor is about to be registered here for them.
+u32 Bind(SchCtrl* sch, SchTaskCtrl* task, u32 events)
 {
     void* policy = nullptr;
     if (SchGetPolicyHandleBySchHandle(sch, &policy) != XEL_OK) {
@@ -61,16 +45,39 @@ uint32_t XEL_TaskAdd(SchCtrl* sch, SchTaskCtrl* task)
     if (SchTaskGetDbgInfoByTaskHandle(task, &record) != XEL_OK) {
         return XEL_EINVAL;
     }
-    const u32 ret = TaskBind(task, policy, EpFdOf(sch));
+    const u32 watchEvents = events != 0 && SchMaySetAside(sch) ? events : 0;
+    const u32 ret = TaskBind(task, policy, TaskPlace{EpFdOf(sch), watchEvents});
     if (ret == XEL_OK) {
         SchDbgInsertTaskInfo(&record);
     }
     return ret;
 }
 
+// XEL_TaskDel but for the end of the registration; forgotten as TaskUnbind says.
+u32 Unbind(SchCtrl* sch, SchTaskCtrl* task, TaskWatch* forgotten)
+{
+    void* policy = nullptr;
+    if (SchGetPolicyHandleBySchHandle(sch, &policy) != XEL_OK) {
+        return XEL_EINVAL;
+    }
+    if (SchTaskGetFdBySchHandle(task) == XEL_FAIL) {
+        return XEL_EINVAL;
+    }
+    TaskUnbind(task, policy, forgotten);
+    SchDbgDelTask(sch, task);
+    return XEL_OK;
+}
+
+} // namespace
+
+uint32_t XEL_TaskAdd(SchCtrl* sch, SchTaskCtrl* task)
+{
+    return Bind(sch, task, 0);
+}
+
 uint32_t XEL_TaskDel(SchCtrl* sch, SchTaskCtrl* task)
 {
-    const u32 ret = Unbind(sch, task);
+    const u32 ret = Unbind(sch, task, nullptr);
     if (ret == XEL_OK) {
         TaskWatchEnd(task);
     }
@@ -119,18 +126,15 @@ u32 SchCreateTask(SchCtrl* sch, i32 fd, SchEpollCtlReq* req)
         XEL_LOG_FAIL(kSchLog, "Sch task handle create unsuccessfully. (fd = %d)", fd);
         return XEL_FAIL;
     }
-    const u32 ret = XEL_TaskAdd(sch, task);
+    struct epoll_event event = {};
+    event.events = req->events | EPOLLIN;
+    event.data.ptr = task;
+    const u32 ret = Bind(sch, task, event.events);
     if (ret != XEL_OK) {
         XEL_LOG_FAIL(kSchLog, "Sch task add unsuccessfully. (epollFd = %d, fd = %d, ret = %#x)",
                      EpFdOf(sch), fd, ret);
         XEL_TaskDestroy(task);
         return XEL_FAIL;
-    }
-    struct epoll_event event = {};
-    event.events = req->events | EPOLLIN;
-    event.data.ptr = task;
-    if (SchMaySetAside(sch)) {
-        TaskWatchBegin(task, event.events);
     }
     if (sch->epollOps.ctl(EpFdOf(sch), XEL_SCH_EPOLL_ADD, fd, &event) < 0) {
         XEL_LOG_FAIL(kSchLog,
@@ -167,12 +171,12 @@ u32 SchDestroyTask(SchCtrl* sch, i32 fd)
         XEL_LOG_FAIL(kSchLog, "Sch delete fd unsuccessfully, invalid task handle.");
         return XEL_FAIL;
     }
-    const u32 ret = Unbind(sch, task);
+    TaskWatch watch = {0, -1};
+    const u32 ret = Unbind(sch, task, &watch);
     if (ret != XEL_OK) {
         XEL_LOG_FAIL(kSchLog, "Sch delete task unsuccessfully. (ret = %#x)", ret);
         return ret;
     }
-    const TaskWatch watch = TaskWatchForget(task);
     if (sch->epollOps.ctl(EpFdOf(sch), XEL_SCH_EPOLL_DEL, fd, nullptr) == 0) {
         XEL_TaskDestroy(task);
         return XEL_OK;

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <sys/time.h>
 #include <unistd.h>
+#include <utility>
 
 #include "common/xel_memory.h"
 #include "scheduler/xel_sch_dbg_inner.h"
@@ -159,6 +160,14 @@ void SetMayBlock(SchCtrl* sch, bool mayBlock)
                      std::memory_order_relaxed);
 }
 
+// Whether nothing but a few instructions of this file comes between the end of a run and the start
+// of the next: no hook was called and no line printed.
+bool IsQuietAfter(const SchCtrl* sch, const SchTaskTraceInfo& record)
+{
+    return record.procTime <= kLongestRunUs && !SchDbgIsInit() &&
+           (sch->policy == nullptr || IsBfs(sch));
+}
+
 // The record is cleared once per cycle, so the trace of the first event carries eventLeft 0 and
 // each later one the value taken after the event before it.
 void RunEvents(SchCtrl* sch, const DispatchHook& hook, struct epoll_event* events, i32 n,
@@ -166,7 +175,9 @@ void RunEvents(SchCtrl* sch, const DispatchHook& hook, struct epoll_event* event
 {
     SchTaskTraceInfo record;
     record.eventLeft = 0;
+    u64 lastEnd = 0; // start of the next run; 0 when the clock is to be read for it
     for (i32 i = 0; i < n; ++i) {
+        const u64 start = std::exchange(lastEnd, 0);
         XelTaskUsrCb callback = {};
         if (SchTaskBeginRun(TaskOf(events[i]), batch, events[i].events, &callback, &record) !=
             XEL_OK) {
@@ -177,7 +188,7 @@ void RunEvents(SchCtrl* sch, const DispatchHook& hook, struct epoll_event* event
         if (callback.proc == nullptr) {
             continue;
         }
-        record.startTime = NowUs();
+        record.startTime = start != 0 ? start : NowUs();
         StampTimeOfDay(&record);
         RunProc(sch, hook, callback, &events[i]);
         const u64 end = NowUs();
@@ -185,6 +196,7 @@ void RunEvents(SchCtrl* sch, const DispatchHook& hook, struct epoll_event* event
             StampTimeOfDay(&record); // somebody may have registered during the run
         }
         SchDbgInfoRecordAfterProcess(sch, &record, end, end - record.startTime);
+        lastEnd = IsQuietAfter(sch, record) ? end : 0;
     }
 }
 

@@ -159,10 +159,10 @@ void QueueByType(SchBfsCtrl* ctrl, const struct epoll_event& event, const SchTas
     }
 }
 
-void InsertEvent(SchBfsCtrl* ctrl, const struct epoll_event& event)
+void InsertEvent(SchBfsCtrl* ctrl, const struct epoll_event& event, SchInsertMoment* moment)
 {
     SchTaskInsertInfo task = {};
-    if (SchTaskGetInfoInsert(ctrl, TaskOf(event), &event, &task) != XEL_OK) {
+    if (SchTaskInsert(ctrl, TaskOf(event), &event, moment, &task) != XEL_OK) {
         XEL_LOG_FAIL(kBfsLog, "Event insert, invalid task-ctrl.");
         return;
     }
@@ -495,8 +495,9 @@ uint32_t SCH_BfsInsertEvents(void* policy, struct epoll_event* events, uint32_t 
 {
     SchBfsCtrl* ctrl = Instance(policy);
     ctrl->lastCount = count;
+    SchInsertMoment now;
     for (u32 i = 0; i < count; ++i) {
-        InsertEvent(ctrl, events[i]);
+        InsertEvent(ctrl, events[i], &now);
     }
     return XEL_OK;
 }

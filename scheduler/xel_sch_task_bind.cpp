@@ -26,10 +26,10 @@ bool IsAlive(const SchTaskCtrl* task)
 // A second binding to the same handle is recorded as a second one.
 u32 SchTaskAddScheduler(SchTaskCtrl* task, void* sch)
 {
-    return TaskBind(task, sch, kSeveralEpFds);
+    return TaskBind(task, sch, TaskPlace{kSeveralEpFds, 0});
 }
 
-u32 TaskBind(SchTaskCtrl* task, void* sch, i32 epFd)
+u32 TaskBind(SchTaskCtrl* task, void* sch, const TaskPlace& place)
 {
     if (!IsAlive(task)) {
         return XEL_FAIL;
@@ -45,12 +45,21 @@ u32 TaskBind(SchTaskCtrl* task, void* sch, i32 epFd)
     }
     // Bound anew, the registration may be the application's.
     TaskWatchEndLocked(task);
-    TailOf(task)->epFd = task->schCount == 0 ? epFd : kSeveralEpFds;
+    const bool isFirst = task->schCount == 0;
+    TailOf(task)->epFd = isFirst ? place.epFd : kSeveralEpFds;
+    if (isFirst && place.watchEvents != 0) {
+        TaskWatchBeginLocked(task, place.watchEvents);
+    }
     XelSllInitAndAdd(&task->schList, node, sch);
     return XEL_OK;
 }
 
 void SchTaskRmScheduler(SchTaskCtrl* task, void* sch)
+{
+    TaskUnbind(task, sch, nullptr);
+}
+
+void TaskUnbind(SchTaskCtrl* task, void* sch, TaskWatch* forgotten)
 {
     if (!IsAlive(task)) {
         return;
@@ -58,6 +67,9 @@ void SchTaskRmScheduler(SchTaskCtrl* task, void* sch)
     const ShortWriteGuard guard(task->lock);
     if (!IsAlive(task)) {
         return;
+    }
+    if (forgotten != nullptr) {
+        *forgotten = TaskWatchForgetLocked(task);
     }
     XelSll* node = task->schList.next;
     while (node != &task->schList) {

@@ -4,12 +4,23 @@
 #define XEL_SCHEDULER_SCH_TASK_BIND_H
 
 #include "scheduler/xel_sch_task_inner.h"
+#include "scheduler/xel_sch_task_watch.h"
 
 // True when the task is bound to sch.
 bool TaskIsBound(const SchTaskCtrl* task, const void* sch);
 
-// SchTaskAddScheduler for the scheduler of an epoll descriptor, which is noted.
-u32 TaskBind(SchTaskCtrl* task, void* sch, i32 epFd);
+// Where a task is bound.
+struct TaskPlace {
+    i32 epFd;        // of the scheduler, or kSeveralEpFds when it is not known
+    u32 watchEvents; // what the library is about to register there, so that it may change it; or 0
+};
+
+// SchTaskAddScheduler for a known scheduler, whose epoll descriptor is noted.
+u32 TaskBind(SchTaskCtrl* task, void* sch, const TaskPlace& place);
+
+// SchTaskRmScheduler. With forgotten, the registration is about to be deleted: the library forgets
+// it first.
+void TaskUnbind(SchTaskCtrl* task, void* sch, TaskWatch* forgotten);
 
 // False when the task, which is bound, is known not to be bound to the scheduler of epFd.
 bool TaskMayRunOn(SchTaskCtrl* task, i32 epFd);

@@ -88,8 +88,15 @@ void PutBack(SchTaskCtrl* task, u32 version, struct epoll_event* event, bool isC
 
 } // namespace
 
-u32 SchTaskGetInfoInsert(void* sch, SchTaskCtrl* task, const struct epoll_event* event,
-                         SchTaskInsertInfo* info)
+void SchInsertMoment::PutInto(u64* time)
+{
+    if (us_ != 0 || SystimeGetMicroSec(&us_) == XEL_OK) {
+        *time = us_;
+    }
+}
+
+u32 SchTaskInsert(void* sch, SchTaskCtrl* task, const struct epoll_event* event,
+                  SchInsertMoment* moment, SchTaskInsertInfo* info)
 {
     const u32 magic = TaskMagicOf(task);
     if (magic != kTaskMagic) {
@@ -119,7 +126,7 @@ u32 SchTaskGetInfoInsert(void* sch, SchTaskCtrl* task, const struct epoll_event*
     info->type = task->type;
     info->prio = task->prio;
     info->isFirst = 1;
-    (void)SystimeGetMicroSec(&task->lastInsertTime);
+    moment->PutInto(&task->lastInsertTime);
     const u32 pending = task->events.load(std::memory_order_relaxed);
     if (pending != 0) {
         info->isFirst = 0;
@@ -129,6 +136,13 @@ u32 SchTaskGetInfoInsert(void* sch, SchTaskCtrl* task, const struct epoll_event*
     task->events.store(pending | event->events, std::memory_order_relaxed);
     TaskWatchReported(task, event->events);
     return XEL_OK;
+}
+
+u32 SchTaskGetInfoInsert(void* sch, SchTaskCtrl* task, const struct epoll_event* event,
+                         SchTaskInsertInfo* info)
+{
+    SchInsertMoment now;
+    return SchTaskInsert(sch, task, event, &now, info);
 }
 
 u32 SchTaskGetEvent(SchTaskCtrl* task, u32 version, struct epoll_event* event)
@@ -253,12 +267,13 @@ u32 SchTaskGetDbgInfoByTaskHandle(SchTaskCtrl* task, SchDbgTaskInfo* out)
     if (!SchTaskHandleIsValid(task)) {
         return XEL_FAIL;
     }
+    if (!SchDbgIsInit()) {
+        const GlanceGuard guard(task->lock);
+        return TaskFd(task) < 0 ? XEL_FAIL : XEL_OK;
+    }
     const ShortReadGuard guard(task->lock);
     if (task->fd < 0) {
         return XEL_FAIL;
-    }
-    if (!SchDbgIsInit()) {
-        return XEL_OK;
     }
     if (strcpy_s(out->name, sizeof(out->name), task->name) != 0) {
         return XEL_FAIL;

@@ -155,13 +155,9 @@ u32 TaskReadiness(i32 fd, u32 events)
     return static_cast<u32>(look.revents) & (wanted | kAlwaysReported);
 }
 
-void TaskWatchBegin(SchTaskCtrl* task, u32 events)
+void TaskWatchBeginLocked(SchTaskCtrl* task, u32 events)
 {
-    if ((events & ~kPlainEvents) != 0) {
-        return;
-    }
-    const ShortWriteGuard guard(task->lock);
-    if (TailOf(task)->epFd != kSeveralEpFds) {
+    if ((events & ~kPlainEvents) == 0) {
         SetWatch(task, events | kWatchOn);
     }
 }
@@ -188,12 +184,8 @@ void TaskWatchEndAll(i32 epFd)
     (void)WalkTasks(epFd, EndOnEpFd);
 }
 
-TaskWatch TaskWatchForget(SchTaskCtrl* task)
+TaskWatch TaskWatchForgetLocked(SchTaskCtrl* task)
 {
-    if (WatchOf(task) == 0) {
-        return {0, -1};
-    }
-    const ShortWriteGuard guard(task->lock);
     const TaskWatch watch = {WatchOf(task), TailOf(task)->epFd};
     SetWatch(task, 0);
     return watch;

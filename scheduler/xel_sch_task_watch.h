@@ -43,18 +43,18 @@ struct TaskWatch {
 u32 TaskReadiness(i32 fd, u32 events);
 
 // Before the descriptor is registered with these events, on the epoll instance of the scheduler
-// that the task is bound to. Other than plain level-triggered masks are left alone.
-void TaskWatchBegin(SchTaskCtrl* task, u32 events);
+// that the task is just bound to, and to no other. Other than plain level-triggered masks are left
+// alone. Locked: the caller holds the write side of the task's lock.
+void TaskWatchBeginLocked(SchTaskCtrl* task, u32 events);
 
-// The registration becomes as it was made and is left alone from now on. Locked: the caller holds
-// the write side of the task's lock.
+// The registration becomes as it was made and is left alone from now on.
 void TaskWatchEnd(SchTaskCtrl* task);
 void TaskWatchEndLocked(SchTaskCtrl* task);
 // The same for every task that is registered on epFd.
 void TaskWatchEndAll(i32 epFd);
 
 // Before a registration is deleted, and when that failed.
-TaskWatch TaskWatchForget(SchTaskCtrl* task);
+TaskWatch TaskWatchForgetLocked(SchTaskCtrl* task);
 void TaskWatchUndoForget(SchTaskCtrl* task, i32 fd, TaskWatch watch);
 
 // A report of the task that its state needs to know of; see TaskWatchReported.
