@@ -137,6 +137,10 @@ bool ApplyPolicy(SchCtrl* sch, struct epoll_event** run, u32* count)
         return true;
     }
     if (IsBfs(sch)) {
+        if (*count == 1) {
+            *count = BfsPassEvent(sch->policy, sch->eventBuf[0], run);
+            return true;
+        }
         (void)SCH_BfsInsertEvents(sch->policy, sch->eventBuf, *count);
         *count = SCH_BfsSelectEvents(sch->policy, run);
         return true;
@@ -175,9 +179,9 @@ void RunEvents(SchCtrl* sch, const DispatchHook& hook, struct epoll_event* event
 {
     SchTaskTraceInfo record;
     record.eventLeft = 0;
-    u64 lastEnd = 0; // start of the next run; 0 when the clock is to be read for it
+    u64 lastEnd = 0; // of the run before; 0 when there is none, or a line was printed since
     for (i32 i = 0; i < n; ++i) {
-        const u64 start = std::exchange(lastEnd, 0);
+        const u64 before = std::exchange(lastEnd, 0);
         XelTaskUsrCb callback = {};
         if (SchTaskBeginRun(TaskOf(events[i]), batch, events[i].events, &callback, &record) !=
             XEL_OK) {
@@ -188,7 +192,7 @@ void RunEvents(SchCtrl* sch, const DispatchHook& hook, struct epoll_event* event
         if (callback.proc == nullptr) {
             continue;
         }
-        record.startTime = start != 0 ? start : NowUs();
+        record.startTime = before != 0 && IsQuietAfter(sch, record) ? before : NowUs();
         StampTimeOfDay(&record);
         RunProc(sch, hook, callback, &events[i]);
         const u64 end = NowUs();
@@ -196,7 +200,7 @@ void RunEvents(SchCtrl* sch, const DispatchHook& hook, struct epoll_event* event
             StampTimeOfDay(&record); // somebody may have registered during the run
         }
         SchDbgInfoRecordAfterProcess(sch, &record, end, end - record.startTime);
-        lastEnd = IsQuietAfter(sch, record) ? end : 0;
+        lastEnd = end;
     }
 }
 

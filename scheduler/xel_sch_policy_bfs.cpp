@@ -132,6 +132,12 @@ bool QueueEvent(SchBfsCtrl* ctrl, XelDll* list, End end, const struct epoll_even
     return true;
 }
 
+// Whether it is the turn of type 1, which shares with type 2.
+bool IsFifoTurn(const SchBfsCtrl* ctrl)
+{
+    return ctrl->fifoServed < ctrl->delayServed * kFifoPerDelay;
+}
+
 // Chooses list and end by the type, which was checked.
 void QueueByType(SchBfsCtrl* ctrl, const struct epoll_event& event, const SchTaskInsertInfo& task)
 {
@@ -143,9 +149,8 @@ void QueueByType(SchBfsCtrl* ctrl, const struct epoll_event& event, const SchTas
         }
         return;
     case XEL_TASK_TYPE_FIFO: {
-        const bool isFifoTurn = ctrl->fifoServed < ctrl->delayServed * kFifoPerDelay;
-        (void)QueueEvent(ctrl, isFifoTurn ? &ctrl->fifoList : &ctrl->delayList, End::Back, event,
-                         info);
+        (void)QueueEvent(ctrl, IsFifoTurn(ctrl) ? &ctrl->fifoList : &ctrl->delayList, End::Back,
+                         event, info);
         return;
     }
     case XEL_TASK_TYPE_DELAY:
@@ -159,13 +164,21 @@ void QueueByType(SchBfsCtrl* ctrl, const struct epoll_event& event, const SchTas
     }
 }
 
-void InsertEvent(SchBfsCtrl* ctrl, const struct epoll_event& event, SchInsertMoment* moment)
+// The next event would be the only one in the policy, and so be selected at once.
+void ServeAtOnce(SchBfsCtrl* ctrl, const struct epoll_event& event, const SchTaskInsertInfo& task)
 {
-    SchTaskInsertInfo task = {};
-    if (SchTaskInsert(ctrl, TaskOf(event), &event, moment, &task) != XEL_OK) {
-        XEL_LOG_FAIL(kBfsLog, "Event insert, invalid task-ctrl.");
-        return;
+    if (task.type == XEL_TASK_TYPE_DELAY ||
+        (task.type == XEL_TASK_TYPE_FIFO && !IsFifoTurn(ctrl))) {
+        ctrl->delayServed += 1;
+    } else if (task.type == XEL_TASK_TYPE_FIFO) {
+        ctrl->fifoServed += 1;
     }
+    ctrl->selectSeq += 1;
+    ctrl->outEvents[0] = event;
+}
+
+void QueueInserted(SchBfsCtrl* ctrl, const struct epoll_event& event, const SchTaskInsertInfo& task)
+{
     if (task.isFirst == 0) {
         if (IsCrowded(ctrl) && ctrl->asideFd != kNoEpoll) {
             TaskWatchSetAside(TaskOf(event), task.version, ctrl->asideFd, event.events);
@@ -181,6 +194,16 @@ void InsertEvent(SchBfsCtrl* ctrl, const struct epoll_event& event, SchInsertMom
         return;
     }
     QueueByType(ctrl, event, task);
+}
+
+void InsertEvent(SchBfsCtrl* ctrl, const struct epoll_event& event, SchInsertMoment* moment)
+{
+    SchTaskInsertInfo task = {};
+    if (SchTaskInsert(ctrl, TaskOf(event), &event, moment, &task) != XEL_OK) {
+        XEL_LOG_FAIL(kBfsLog, "Event insert, invalid task-ctrl.");
+        return;
+    }
+    QueueInserted(ctrl, event, task);
 }
 
 // Takes a node out of its list and copies its event out; the slot is kept for reuse when there is
@@ -516,6 +539,31 @@ uint32_t SCH_BfsSelectEvents(void* policy, struct epoll_event** out)
             return runnable;
         }
     }
+}
+
+// With nothing queued, the way through a list is as long as half of the cycle and leads back to the
+// same event.
+u32 BfsPassEvent(void* policy, const struct epoll_event& event, struct epoll_event** out)
+{
+    SchBfsCtrl* ctrl = Instance(policy);
+    if (ctrl->listAnchor != 0) {
+        struct epoll_event single = event;
+        (void)SCH_BfsInsertEvents(policy, &single, 1);
+        return SCH_BfsSelectEvents(policy, out);
+    }
+    ctrl->lastCount = 1;
+    SchTaskInsertInfo task = {};
+    bool isTaken = false;
+    if (SchTaskInsertOrTake(ctrl, TaskOf(event), &event, &task, &isTaken) != XEL_OK) {
+        XEL_LOG_FAIL(kBfsLog, "Event insert, invalid task-ctrl.");
+    } else if (isTaken) {
+        ServeAtOnce(ctrl, event, task);
+        *out = ctrl->outEvents;
+        return 1;
+    } else {
+        QueueInserted(ctrl, event, task);
+    }
+    return SCH_BfsSelectEvents(policy, out);
 }
 
 void BfsAllowAside(void* policy, i32 epFd)

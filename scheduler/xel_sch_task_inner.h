@@ -190,6 +190,12 @@ private:
 u32 SchTaskInsert(void* sch, SchTaskCtrl* task, const struct epoll_event* event,
                   SchInsertMoment* moment, SchTaskInsertInfo* info);
 
+// SchTaskGetInfoInsert for an event that will be selected at once if it is queued. When nothing
+// speaks against it, it is neither pending nor to be queued afterwards but delivered as it is:
+// *isTaken becomes true.
+u32 SchTaskInsertOrTake(void* sch, SchTaskCtrl* task, const struct epoll_event* event,
+                        SchTaskInsertInfo* info, bool* isTaken);
+
 // SchTaskGetEvent for a policy that is crowded: a registration that was set aside comes back for
 // one report only. *isOwed is set when it could not be put back and has to be tried again.
 u32 SchTaskTakeEvent(SchTaskCtrl* task, u32 version, struct epoll_event* event, bool isCrowded,

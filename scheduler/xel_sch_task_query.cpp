@@ -95,8 +95,20 @@ void SchInsertMoment::PutInto(u64* time)
     }
 }
 
-u32 SchTaskInsert(void* sch, SchTaskCtrl* task, const struct epoll_event* event,
-                  SchInsertMoment* moment, SchTaskInsertInfo* info)
+namespace
+{
+
+// What cannot be delivered without being queued: an event whose task has others pending or a
+// registration to be put back, and one that the policy may hold back or refuse.
+bool CanBeTaken(const SchTaskCtrl* task, u32 pending)
+{
+    return pending == 0 && !TaskWatchIsAside(task) && task->type < XEL_TASK_TYPE_GROUP &&
+           task->prio < kTaskPrioCount;
+}
+
+// The steps of an insertion; with isTaken the event may be taken at once.
+u32 Insert(void* sch, SchTaskCtrl* task, const struct epoll_event* event, SchInsertMoment* moment,
+           SchTaskInsertInfo* info, bool* isTaken)
 {
     const u32 magic = TaskMagicOf(task);
     if (magic != kTaskMagic) {
@@ -133,9 +145,28 @@ u32 SchTaskInsert(void* sch, SchTaskCtrl* task, const struct epoll_event* event,
     } else {
         task->insertTime = task->lastInsertTime;
     }
-    task->events.store(pending | event->events, std::memory_order_relaxed);
     TaskWatchReported(task, event->events);
+    if (isTaken != nullptr && CanBeTaken(task, pending)) {
+        *isTaken = true;
+        return XEL_OK;
+    }
+    task->events.store(pending | event->events, std::memory_order_relaxed);
     return XEL_OK;
+}
+
+} // namespace
+
+u32 SchTaskInsert(void* sch, SchTaskCtrl* task, const struct epoll_event* event,
+                  SchInsertMoment* moment, SchTaskInsertInfo* info)
+{
+    return Insert(sch, task, event, moment, info, nullptr);
+}
+
+u32 SchTaskInsertOrTake(void* sch, SchTaskCtrl* task, const struct epoll_event* event,
+                        SchTaskInsertInfo* info, bool* isTaken)
+{
+    SchInsertMoment now;
+    return Insert(sch, task, event, &now, info, isTaken);
 }
 
 u32 SchTaskGetInfoInsert(void* sch, SchTaskCtrl* task, const struct epoll_event* event,

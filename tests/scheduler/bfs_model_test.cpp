@@ -1,5 +1,7 @@
 // The BFS policy against its model: random tasks, readiness, selection, destruction and
 // modification; after every step the answers, the state, the queues and the log lines are the same.
+#include <algorithm>
+#include <optional>
 #include <random>
 
 #include <gtest/gtest.h>
@@ -13,13 +15,32 @@ namespace
 
 using namespace schtest;
 
-// One random history of a policy. The descriptor numbers stand for no open files.
+// What the callbacks of one dispatch saw.
+std::vector<bfsmodel::Event> g_ran;
+
+u32 RanProc(struct epoll_event* event, u64 /*data*/)
+{
+    g_ran.emplace_back(u64{event->data.u64}, u32{event->events});
+    return 0;
+}
+
+enum class Driver { Calls, Scheduler };
+
+// One random history of a policy: of its functions, or of the cycles of its scheduler. The
+// descriptor numbers stand for no open files.
 class History
 {
 public:
-    History(u64 seed, u32 size, size_t tasks)
-        : random_(seed), bfs_(size), model_(size), handles_(tasks, nullptr)
+    History(u64 seed, u32 size, size_t tasks, Driver driver = Driver::Calls)
+        : random_(seed), bfs_(TestBfs::Later{}), model_(size), handles_(tasks, nullptr)
     {
+        if (driver == Driver::Calls) {
+            bfs_.Create(size);
+        } else {
+            probe_.onWait = [this](const EpollProbe::Wait& wait) { return Report(wait); };
+            sch_.emplace(probe_.Ops(), &g_schBfsPolicyOps, static_cast<i32>(size));
+            bfs_.Borrow(sch_->Get()->policy);
+        }
         for (size_t i = 0; i < tasks; ++i) {
             Create(i);
         }
@@ -54,7 +75,7 @@ public:
             CompareCache();
             break;
         case 5:
-            Insert(Below(2 * model_.maxEvents + 4)); // beside the prepared number of slots
+            InsertAnyNumber();
             break;
         case 6:
         case 7:
@@ -73,6 +94,7 @@ public:
     void Finish()
     {
         model_.Destroy();
+        sch_.reset();
         bfs_.Destroy();
         ComparePending();
         EXPECT_EQ(xeltest::TakeTexts(), std::vector<std::string>{});
@@ -95,7 +117,7 @@ private:
             return;
         }
         const std::string name = "t" + std::to_string(at);
-        const TaskSpec spec{NopProc, 0, Below32(4), RandomPrio(), name.c_str()};
+        const TaskSpec spec{RanProc, 0, Below32(4), RandomPrio(), name.c_str()};
         const i32 fd = 100000 + static_cast<i32>(at);
         SchTaskCtrl* task = MakeTask(fd, spec);
         ASSERT_NE(task, nullptr);
@@ -139,6 +161,7 @@ private:
         entry.prio = outOfRange ? 30 + Below32(5) : RandomPrio();
         entry.name = ""; // what the attribute of the change carries
         const Attr attr;
+        attr.Get()->proc = RanProc;
         attr.Get()->type = entry.type;
         attr.Get()->prio = entry.prio;
         EXPECT_EQ(SchFdModify(handles_[at], attr.Get()), 0U);
@@ -168,20 +191,70 @@ private:
     }
 
     // Handles of destroyed tasks are among the events, as a late epoll report would bring them.
-    void Insert(size_t count)
+    std::vector<bfsmodel::Event> RandomEvents(size_t count)
     {
         std::vector<bfsmodel::Event> events;
         for (size_t i = 0; i < count; ++i) {
             events.emplace_back(known_[Below(known_.size())], 1U << Below(6));
         }
+        return events;
+    }
+
+    void Insert(size_t count)
+    {
+        const std::vector<bfsmodel::Event> events = RandomEvents(count);
         model_.Insert(events, nowUs_);
         EXPECT_EQ(bfs_.Insert(events), 0U);
     }
 
-    void Select() { EXPECT_EQ(bfs_.Select(), model_.Select()); }
+    // Beside the prepared number of slots.
+    void InsertAnyNumber()
+    {
+        if (sch_) {
+            Cycle();
+        } else {
+            Insert(Below(2 * model_.maxEvents + 4));
+        }
+    }
+
+    void Select()
+    {
+        if (sch_) {
+            Dispatch(0);
+        } else {
+            EXPECT_EQ(bfs_.Select(), model_.Select());
+        }
+    }
+
+    // What the wait of the next dispatch returns.
+    int Report(const EpollProbe::Wait& wait)
+    {
+        EXPECT_EQ(wait.maxEvents, static_cast<int>(asked_));
+        for (size_t i = 0; i < reported_.size(); ++i) {
+            wait.events[i].data.u64 = reported_[i].first;
+            wait.events[i].events = reported_[i].second;
+        }
+        return static_cast<int>(reported_.size());
+    }
+
+    // One cycle of the scheduler, in which so many events are reported, but not more than asked.
+    void Dispatch(size_t count)
+    {
+        asked_ = model_.Prepare();
+        reported_ = RandomEvents(std::min<size_t>(count, asked_));
+        g_ran.clear();
+        XEL_SchDispatch(sch_->Get());
+        (void)probe_.TakeWaits();
+        model_.Insert(reported_, nowUs_);
+        EXPECT_EQ(g_ran, model_.Select());
+    }
 
     void Cycle()
     {
+        if (sch_) {
+            Dispatch(Below(3) == 0 ? Below(model_.maxEvents + 1) : 1);
+            return;
+        }
         const u32 asked = Prepare();
         Insert(Below(3) == 0 ? asked : Below(asked + 1));
         Select();
@@ -246,6 +319,10 @@ private:
     }
 
     std::mt19937_64 random_;
+    EpollProbe probe_;
+    u32 asked_ = 0;
+    std::vector<bfsmodel::Event> reported_;
+    std::optional<TestSch> sch_; // whose policy it is, if so
     TestBfs bfs_;
     bfsmodel::Policy model_;
     std::vector<SchTaskCtrl*> handles_; // null: no task at the moment
@@ -253,14 +330,14 @@ private:
     u64 nowUs_ = 1000000;
 };
 
-void RunHistories(u64 firstSeed, u64 count, int steps)
+void RunHistories(u64 firstSeed, u64 count, int steps, Driver driver = Driver::Calls)
 {
     for (u64 seed = firstSeed; seed < firstSeed + count; ++seed) {
         SCOPED_TRACE("seed " + std::to_string(seed));
         std::mt19937_64 random(seed * 7919);
         static constexpr u32 kSizes[] = {1, 2, 3, 4, 7, 8, 9, 15, 16, 17, 31, 64, 100, 256};
         const u32 size = kSizes[random() % std::size(kSizes)];
-        History history(seed, size, 4 + random() % 40);
+        History history(seed, size, 4 + random() % 40, driver);
         for (int step = 0; step < steps && !::testing::Test::HasFailure(); ++step) {
             history.Step();
         }
@@ -282,6 +359,16 @@ class BfsModelSlow : public SchTest
 TEST_F(BfsModel, RandomHistoriesAnswerAsTheModelDoes)
 {
     RunHistories(1, xeltest::IsSanitized() ? 10 : 30, 120);
+}
+
+TEST_F(BfsModel, CyclesOfASchedulerAnswerAsTheModelDoes)
+{
+    RunHistories(5000, xeltest::IsSanitized() ? 10 : 30, 200, Driver::Scheduler);
+}
+
+TEST_F(BfsModelSlow, ManyCyclesOfASchedulerAnswerAsTheModelDoes)
+{
+    RunHistories(6000, xeltest::IsSanitized() ? 60 : 400, 400, Driver::Scheduler);
 }
 
 TEST_F(BfsModelSlow, ManyRandomHistoriesAnswerAsTheModelDoes)

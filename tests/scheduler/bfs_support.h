@@ -28,9 +28,17 @@ public:
         policy_ = static_cast<SchBfsCtrl*>(SCH_BfsCreatePolicy(size));
         EXPECT_NE(policy_, nullptr);
     }
+    // The policy of a scheduler, which destroys it.
+    void Borrow(void* policy)
+    {
+        policy_ = static_cast<SchBfsCtrl*>(policy);
+        isBorrowed_ = true;
+    }
     void Destroy()
     {
-        SCH_BfsDestroyPolicy(policy_);
+        if (!isBorrowed_) {
+            SCH_BfsDestroyPolicy(policy_);
+        }
         policy_ = nullptr;
     }
     u32 Prepare() { return SCH_BfsResPrepare(policy_); }
@@ -47,6 +55,7 @@ public:
 
 private:
     SchBfsCtrl* policy_ = nullptr;
+    bool isBorrowed_ = false;
 };
 
 // A task bound to a policy. Its descriptor number stands for no open file: the policy never asks.
