@@ -64,29 +64,6 @@ private:
     bool isQuick_;
 };
 
-// For a look at single words that are atomic: holds the read side only when a writer is about.
-// Without one, the look shows what a read hold at that moment would have shown.
-class GlanceGuard : NoCopy
-{
-public:
-    explicit GlanceGuard(XelRwlock& lock) : lock_(lock), isHeld_(RwlockHasWriter(lock))
-    {
-        if (isHeld_) {
-            XelRwlockReadLock(&lock_);
-        }
-    }
-    ~GlanceGuard()
-    {
-        if (isHeld_) {
-            XelRwlockReadUnLock(&lock_);
-        }
-    }
-
-private:
-    XelRwlock& lock_;
-    const bool isHeld_;
-};
-
 class ShortWriteGuard : NoCopy
 {
 public:

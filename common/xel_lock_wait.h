@@ -63,14 +63,6 @@ inline void RwlockQuickWriteUnlock(XelRwlock* lock)
     Word(lock->count).store(0, std::memory_order_release);
 }
 
-// Whether a writer is inside or waits to get in.
-inline bool RwlockHasWriter(const XelRwlock& lock)
-{
-    auto& words = const_cast<XelRwlock&>(lock);
-    return static_cast<i32>(Word(words.count).load(std::memory_order_acquire)) < 0 ||
-           Word(words.gate).load(std::memory_order_relaxed) == kGateClosed;
-}
-
 // Makes the zeroed lock of a fresh unit free. In a unit that was used before somebody may hold the
 // lock or wait for it, so nothing is overwritten: only a closed gate with nobody inside is opened.
 // Should that be a writer between its two steps, it still enters through the count alone.

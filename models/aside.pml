@@ -5,7 +5,9 @@
  * (scheduler/xel_sch_task_watch.h and .cpp); SchTaskGetInfoInsert, SchTaskTakeEvent,
  * SchTaskDropEvent (scheduler/xel_sch_task_query.cpp); SCH_BfsResPrepare, InsertEvent, PickGroup,
  * TakePending, BfsMayBlock (scheduler/xel_sch_policy_bfs.cpp); RunCycle, SchEventsGet
- * (scheduler/xel_sch_dispatch.cpp); Unbind, XEL_TaskDel, SchDestroyTask (scheduler/xel_sch_ctl.cpp).
+ * (scheduler/xel_sch_dispatch.cpp); TaskUnbind (scheduler/xel_sch_task_bind.cpp); Unbind,
+ * XEL_TaskDel, SchDestroyTask (scheduler/xel_sch_ctl.cpp). An event that is not queued at all
+ * (SchTaskInsertOrTake) never finds its registration aside: that way is not modelled.
  *
  * Two level-triggered descriptors with tasks of schedule type 3 in one group, whose quota is one
  * event; crowded or not is chosen anew at each question. The callback drains its descriptor or

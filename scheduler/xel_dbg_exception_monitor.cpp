@@ -7,6 +7,7 @@ namespace
 {
 
 constexpr LogSite kMonitorLog{"scheduler/xel_dbg_exception_monitor", 93};
+constexpr u64 kLongestRunUs = 399999;
 
 } // namespace
 

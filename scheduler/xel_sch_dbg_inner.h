@@ -10,9 +10,6 @@
 // Buffer size that every caller of DbgGetFuncName uses.
 constexpr u32 kFuncNameSize = 32;
 
-// A longer run is reported.
-constexpr u64 kLongestRunUs = 399999;
-
 XEL_EXTERN_C_BEGIN
 
 // True while a hook table is registered.

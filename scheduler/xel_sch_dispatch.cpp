@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <sys/time.h>
 #include <unistd.h>
-#include <utility>
 
 #include "common/xel_memory.h"
 #include "scheduler/xel_sch_dbg_inner.h"
@@ -106,7 +105,8 @@ void StampTimeOfDay(SchTaskTraceInfo* record)
 // it checked when it inserted them.
 bool IsBfs(const SchCtrl* sch)
 {
-    return sch->policyOps.insert == SCH_BfsInsertEvents &&
+    return sch->policyOps.prepare == SCH_BfsResPrepare &&
+           sch->policyOps.insert == SCH_BfsInsertEvents &&
            sch->policyOps.select == SCH_BfsSelectEvents;
 }
 
@@ -164,14 +164,6 @@ void SetMayBlock(SchCtrl* sch, bool mayBlock)
                      std::memory_order_relaxed);
 }
 
-// Whether nothing but a few instructions of this file comes between the end of a run and the start
-// of the next: no hook was called and no line printed.
-bool IsQuietAfter(const SchCtrl* sch, const SchTaskTraceInfo& record)
-{
-    return record.procTime <= kLongestRunUs && !SchDbgIsInit() &&
-           (sch->policy == nullptr || IsBfs(sch));
-}
-
 // The record is cleared once per cycle, so the trace of the first event carries eventLeft 0 and
 // each later one the value taken after the event before it.
 void RunEvents(SchCtrl* sch, const DispatchHook& hook, struct epoll_event* events, i32 n,
@@ -179,9 +171,7 @@ void RunEvents(SchCtrl* sch, const DispatchHook& hook, struct epoll_event* event
 {
     SchTaskTraceInfo record;
     record.eventLeft = 0;
-    u64 lastEnd = 0; // of the run before; 0 when there is none, or a line was printed since
     for (i32 i = 0; i < n; ++i) {
-        const u64 before = std::exchange(lastEnd, 0);
         XelTaskUsrCb callback = {};
         if (SchTaskBeginRun(TaskOf(events[i]), batch, events[i].events, &callback, &record) !=
             XEL_OK) {
@@ -192,7 +182,7 @@ void RunEvents(SchCtrl* sch, const DispatchHook& hook, struct epoll_event* event
         if (callback.proc == nullptr) {
             continue;
         }
-        record.startTime = before != 0 && IsQuietAfter(sch, record) ? before : NowUs();
+        record.startTime = NowUs();
         StampTimeOfDay(&record);
         RunProc(sch, hook, callback, &events[i]);
         const u64 end = NowUs();
@@ -200,7 +190,6 @@ void RunEvents(SchCtrl* sch, const DispatchHook& hook, struct epoll_event* event
             StampTimeOfDay(&record); // somebody may have registered during the run
         }
         SchDbgInfoRecordAfterProcess(sch, &record, end, end - record.startTime);
-        lastEnd = end;
     }
 }
 
@@ -221,12 +210,16 @@ CycleEnd RunCycle(SchCtrl* sch, u64 context, SchDispatchHook hook)
     const u32 oldest = SchNewestTask();
     u32 count = 0;
     struct epoll_event* run = nullptr;
-    if (!WaitForEvents(sch, &count) || !ApplyPolicy(sch, &run, &count)) {
+    if (!WaitForEvents(sch, &count)) {
+        return CycleEnd::Done;
+    }
+    const u32 newest = SchNewestTask();
+    if (!ApplyPolicy(sch, &run, &count)) {
         return CycleEnd::Done;
     }
     SetMayBlock(sch, count == 0);
     RunEvents(sch, DispatchHook{context, hook}, run, static_cast<i32>(count),
-              SchBatch{IsBfs(sch), static_cast<i32>(EpFdOf(sch)), oldest, SchNewestTask()});
+              SchBatch{IsBfs(sch), static_cast<i32>(EpFdOf(sch)), oldest, newest});
     return CycleEnd::Done;
 }
 

@@ -1,7 +1,8 @@
 // The BFS policy: turns what epoll reports into an ordered run list. It owns an instance per
 // scheduler: free slots, two pools and the lists of queued events. Prepare, insert and select run
 // in the dispatch cycle, one at a time; creation and destruction run alone. Data flows: prepare
-// provides free slots, insert moves a slot into a list, select moves it back.
+// provides free slots, insert moves a slot into a list, select moves it back. A single event that
+// meets empty lists goes straight to where select would put it.
 #include "scheduler/xel_sch_policy_bfs.h"
 
 #include <bit>
@@ -167,14 +168,16 @@ void QueueByType(SchBfsCtrl* ctrl, const struct epoll_event& event, const SchTas
 // The next event would be the only one in the policy, and so be selected at once.
 void ServeAtOnce(SchBfsCtrl* ctrl, const struct epoll_event& event, const SchTaskInsertInfo& task)
 {
-    if (task.type == XEL_TASK_TYPE_DELAY ||
-        (task.type == XEL_TASK_TYPE_FIFO && !IsFifoTurn(ctrl))) {
+    u64 key = 0;
+    if (task.type == XEL_TASK_TYPE_DELAY) {
+        key = ctrl->selectSeq + task.prio * kSeqPerPrio;
         ctrl->delayServed += 1;
     } else if (task.type == XEL_TASK_TYPE_FIFO) {
-        ctrl->fifoServed += 1;
+        (IsFifoTurn(ctrl) ? ctrl->fifoServed : ctrl->delayServed) += 1;
     }
     ctrl->selectSeq += 1;
     ctrl->outEvents[0] = event;
+    ctrl->outInfo[0] = {task.version, 0, key};
 }
 
 void QueueInserted(SchBfsCtrl* ctrl, const struct epoll_event& event, const SchTaskInsertInfo& task)
@@ -196,10 +199,10 @@ void QueueInserted(SchBfsCtrl* ctrl, const struct epoll_event& event, const SchT
     QueueByType(ctrl, event, task);
 }
 
-void InsertEvent(SchBfsCtrl* ctrl, const struct epoll_event& event, SchInsertMoment* moment)
+void InsertEvent(SchBfsCtrl* ctrl, const struct epoll_event& event)
 {
     SchTaskInsertInfo task = {};
-    if (SchTaskInsert(ctrl, TaskOf(event), &event, moment, &task) != XEL_OK) {
+    if (SchTaskGetInfoInsert(ctrl, TaskOf(event), &event, &task) != XEL_OK) {
         XEL_LOG_FAIL(kBfsLog, "Event insert, invalid task-ctrl.");
         return;
     }
@@ -518,9 +521,8 @@ uint32_t SCH_BfsInsertEvents(void* policy, struct epoll_event* events, uint32_t 
 {
     SchBfsCtrl* ctrl = Instance(policy);
     ctrl->lastCount = count;
-    SchInsertMoment now;
     for (u32 i = 0; i < count; ++i) {
-        InsertEvent(ctrl, events[i], &now);
+        InsertEvent(ctrl, events[i]);
     }
     return XEL_OK;
 }

@@ -46,7 +46,7 @@ void BuildTask(SchTaskCtrl* task, i32 fd, const XelTaskAttr* attr)
     FullBarrierAfterRmw(); // nothing below is seen beside an older magic
     XelSllInit(&task->schList, &task->schCount);
     task->version = g_xelTaskRunCtrl.taskVer.load(std::memory_order_relaxed);
-    SetTaskFd(task, fd);
+    task->fd = fd;
     task->init = 1;
     SchTaskCtrlSetData(task, attr);
     task->events.store(0, std::memory_order_relaxed);
@@ -86,7 +86,7 @@ void RetireTask(SchTaskCtrl* task)
     TaskReleaseBindings(task);
     task->init = 0;
     task->version = 0;
-    SetTaskFd(task, -1);
+    task->fd = -1;
     task->events.store(0, std::memory_order_relaxed);
     SchTaskCtrlSetData(task, &empty);
     FullBarrier();
@@ -301,13 +301,13 @@ u32 SchTaskGetFdBySchHandle(SchTaskCtrl* task)
         XEL_LOG_FAIL(kTaskLog, "Sch get fd, schTaskHandle invalid.");
         return XEL_FAIL;
     }
-    const GlanceGuard guard(task->lock);
+    const ShortReadGuard guard(task->lock);
     const u32 magic = TaskMagicOf(task);
     if (magic != kTaskMagic) {
         XEL_LOG_FAIL(kTaskLog, "Sch get fd, task magic is damaged, magic = %#x.", magic);
         return XEL_FAIL;
     }
-    return static_cast<u32>(TaskFd(task));
+    return static_cast<u32>(task->fd);
 }
 
 u32 SchTaskGetFdType(const SchTaskCtrl* task)

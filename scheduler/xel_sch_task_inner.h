@@ -46,7 +46,7 @@ struct SchTaskCtrl {
     std::atomic<u32> watch; // the registration, as far as the library may change it (task_watch)
     XelSll schList;         // handles that the task is bound to
     u32 version; // counter value at creation: tells this task from a later one in the same unit
-    i32 fd;      // changes by SetTaskFd: looked at by GlanceGuard too
+    i32 fd;
     u64 insertTime;
     u64 lastInsertTime;
     std::atomic<u32> events; // pending readiness; taken under the read hold, so two may meet here
@@ -67,16 +67,6 @@ static_assert(offsetof(SchTaskCtrl, schList) == 16, "the watch word lies in the 
 inline u32 TaskMagicOf(const SchTaskCtrl* task)
 {
     return task == nullptr ? 0 : task->magic.load(std::memory_order_acquire);
-}
-
-inline i32 TaskFd(SchTaskCtrl* task)
-{
-    return std::atomic_ref<i32>(task->fd).load(std::memory_order_relaxed);
-}
-
-inline void SetTaskFd(SchTaskCtrl* task, i32 fd)
-{
-    std::atomic_ref<i32>(task->fd).store(fd, std::memory_order_relaxed);
 }
 
 // Size of a task's unit in the table: the record, and behind it the tail.
@@ -176,20 +166,6 @@ XEL_API i32 SchGetTraceDbgInfo(SchTaskCtrl* task, SchTaskTraceInfo* trace);
 
 XEL_EXTERN_C_END
 
-// When the events of one wait are inserted: the clock is read for the first of them that needs it.
-class SchInsertMoment
-{
-public:
-    void PutInto(u64* time); // unchanged when the clock cannot be read
-
-private:
-    u64 us_ = 0;
-};
-
-// SchTaskGetInfoInsert for one of several events of a wait.
-u32 SchTaskInsert(void* sch, SchTaskCtrl* task, const struct epoll_event* event,
-                  SchInsertMoment* moment, SchTaskInsertInfo* info);
-
 // SchTaskGetInfoInsert for an event that will be selected at once if it is queued. When nothing
 // speaks against it, it is neither pending nor to be queued afterwards but delivered as it is:
 // *isTaken becomes true.
@@ -206,7 +182,7 @@ struct SchBatch {
     bool isChecked; // by the library's policy: the handles are units, and bound where they run
     i32 epFd;       // of the scheduler that runs them
     u32 oldest;     // version of the task created last before the wait for them
-    u32 newest;     // and before the first callback
+    u32 newest;     // and right after it
 };
 
 inline u32 SchNewestTask()

@@ -86,18 +86,6 @@ void PutBack(SchTaskCtrl* task, u32 version, struct epoll_event* event, bool isC
     event->events = events;
 }
 
-} // namespace
-
-void SchInsertMoment::PutInto(u64* time)
-{
-    if (us_ != 0 || SystimeGetMicroSec(&us_) == XEL_OK) {
-        *time = us_;
-    }
-}
-
-namespace
-{
-
 // What cannot be delivered without being queued: an event whose task has others pending or a
 // registration to be put back, and one that the policy may hold back or refuse.
 bool CanBeTaken(const SchTaskCtrl* task, u32 pending)
@@ -107,8 +95,8 @@ bool CanBeTaken(const SchTaskCtrl* task, u32 pending)
 }
 
 // The steps of an insertion; with isTaken the event may be taken at once.
-u32 Insert(void* sch, SchTaskCtrl* task, const struct epoll_event* event, SchInsertMoment* moment,
-           SchTaskInsertInfo* info, bool* isTaken)
+u32 Insert(void* sch, SchTaskCtrl* task, const struct epoll_event* event, SchTaskInsertInfo* info,
+           bool* isTaken)
 {
     const u32 magic = TaskMagicOf(task);
     if (magic != kTaskMagic) {
@@ -138,7 +126,7 @@ u32 Insert(void* sch, SchTaskCtrl* task, const struct epoll_event* event, SchIns
     info->type = task->type;
     info->prio = task->prio;
     info->isFirst = 1;
-    moment->PutInto(&task->lastInsertTime);
+    (void)SystimeGetMicroSec(&task->lastInsertTime);
     const u32 pending = task->events.load(std::memory_order_relaxed);
     if (pending != 0) {
         info->isFirst = 0;
@@ -156,24 +144,16 @@ u32 Insert(void* sch, SchTaskCtrl* task, const struct epoll_event* event, SchIns
 
 } // namespace
 
-u32 SchTaskInsert(void* sch, SchTaskCtrl* task, const struct epoll_event* event,
-                  SchInsertMoment* moment, SchTaskInsertInfo* info)
+u32 SchTaskGetInfoInsert(void* sch, SchTaskCtrl* task, const struct epoll_event* event,
+                         SchTaskInsertInfo* info)
 {
-    return Insert(sch, task, event, moment, info, nullptr);
+    return Insert(sch, task, event, info, nullptr);
 }
 
 u32 SchTaskInsertOrTake(void* sch, SchTaskCtrl* task, const struct epoll_event* event,
                         SchTaskInsertInfo* info, bool* isTaken)
 {
-    SchInsertMoment now;
-    return Insert(sch, task, event, &now, info, isTaken);
-}
-
-u32 SchTaskGetInfoInsert(void* sch, SchTaskCtrl* task, const struct epoll_event* event,
-                         SchTaskInsertInfo* info)
-{
-    SchInsertMoment now;
-    return SchTaskInsert(sch, task, event, &now, info);
+    return Insert(sch, task, event, info, isTaken);
 }
 
 u32 SchTaskGetEvent(SchTaskCtrl* task, u32 version, struct epoll_event* event)
@@ -298,13 +278,12 @@ u32 SchTaskGetDbgInfoByTaskHandle(SchTaskCtrl* task, SchDbgTaskInfo* out)
     if (!SchTaskHandleIsValid(task)) {
         return XEL_FAIL;
     }
-    if (!SchDbgIsInit()) {
-        const GlanceGuard guard(task->lock);
-        return TaskFd(task) < 0 ? XEL_FAIL : XEL_OK;
-    }
     const ShortReadGuard guard(task->lock);
     if (task->fd < 0) {
         return XEL_FAIL;
+    }
+    if (!SchDbgIsInit()) {
+        return XEL_OK;
     }
     if (strcpy_s(out->name, sizeof(out->name), task->name) != 0) {
         return XEL_FAIL;

@@ -74,12 +74,6 @@ bool HasRegistry()
            g_xelSchRunCtrl.table != nullptr;
 }
 
-// The policy as those see it who look without the lock while no writer is about.
-std::atomic_ref<void*> PolicyWord(SchCtrl* ctrl)
-{
-    return std::atomic_ref<void*>(ctrl->policy);
-}
-
 // Clears a record for a new scheduler. Its lock is left as it is: the caller holds it, and threads
 // with a stale handle may be waiting for it.
 void ClearSchedulerRecord(SchCtrl* ctrl)
@@ -88,10 +82,8 @@ void ClearSchedulerRecord(SchCtrl* ctrl)
     ctrl->state.store(0, std::memory_order_relaxed);
     ctrl->epFd.store(0, std::memory_order_relaxed);
     ctrl->epSize = 0;
-    ctrl->eventBuf = nullptr;
-    PolicyWord(ctrl).store(nullptr, std::memory_order_relaxed);
-    constexpr size_t kRest = sizeof(SchCtrl) - offsetof(SchCtrl, policyOps);
-    (void)memset_s(&ctrl->policyOps, kRest, 0, kRest);
+    constexpr size_t kRest = sizeof(SchCtrl) - offsetof(SchCtrl, eventBuf);
+    (void)memset_s(&ctrl->eventBuf, kRest, 0, kRest);
 }
 
 // Makes a scheduler out of a table entry. The entry may have served another scheduler whose users
@@ -294,7 +286,7 @@ u32 SchCtrlPolicyInit(SchCtrl* ctrl, const SchPolicyOps* policyOps, u32 epSize)
         return XEL_FAIL;
     }
     ctrl->policyOps = *policyOps;
-    PolicyWord(ctrl).store(policy, std::memory_order_relaxed);
+    ctrl->policy = policy;
     return XEL_OK;
 }
 
@@ -426,10 +418,6 @@ u32 SchGetPolicyHandleBySchHandle(SchCtrl* sch, void** policy)
     if (!SchSchedulerHandleIsValid(sch)) {
         XEL_LOG_FAIL(kSchLog, "Sch get epoll fd unsuccessfully, schHandle invalid.");
         return XEL_FAIL;
-    }
-    if (!RwlockHasWriter(sch->lock)) {
-        *policy = PolicyWord(sch).load(std::memory_order_relaxed);
-        return XEL_OK;
     }
     const SchReadGuard guard(sch);
     *policy = sch->policy;

@@ -1,5 +1,4 @@
 // What a run leaves behind: the trace record, and the cases in which it belongs to another event.
-#include <algorithm>
 #include <chrono>
 #include <sys/time.h>
 
@@ -129,65 +128,6 @@ TEST_F(SchTrace, EachRunReadsTheClockTwice)
         HookRecorder::Take(),
         (Notes{"run 1", Text("stat %d 1", a.Fd()), Text("trace %d %d 1", sch.EpFd(), a.Fd()),
                "run 2", Text("stat %d 20", b.Fd()), Text("trace %d %d 20", sch.EpFd(), b.Fd())}));
-}
-
-// Without a hook nothing lies between two runs: the second begins with the reading that ended the
-// first.
-TEST_F(SchTrace, RunsThatFollowEachOtherShareAReading)
-{
-    TestSch sch(Policy::None);
-    const ReadyTask a(sch.Get(), {NoteProc, 1});
-    const ReadyTask b(sch.Get(), {NoteProc, 2});
-    xeltest::ScriptMicroSec({100, 200, 400199});
-    xeltest::ResetFaults();
-    XEL_SchDispatch(sch.Get());
-    EXPECT_EQ(xeltest::Calls(Call::SystimeGetMicroSec), 3U);
-    EXPECT_LINES() << "399999 us";
-}
-
-// The report of a slow run takes time that is not the next one's.
-TEST_F(SchTrace, RunBehindAReportReadsTheClockAnew)
-{
-    TestSch sch(Policy::None);
-    const ReadyTask a(sch.Get(), {NoteProc, 1});
-    const ReadyTask b(sch.Get(), {NoteProc, 2});
-    xeltest::ScriptMicroSec({0, 400000, 500000, 800000});
-    xeltest::ResetFaults();
-    XEL_SchDispatch(sch.Get());
-    EXPECT_EQ(xeltest::Calls(Call::SystimeGetMicroSec), 4U);
-    EXPECT_EQ(TakeLines().size(), 2U) << "of the first run";
-}
-
-// And so does the line of a task that could not be run.
-TEST_F(SchTrace, RunBehindARefusalReadsTheClockAnew)
-{
-    TestSch sch(Policy::None);
-    const ReadyTask a(sch.Get(), {NoteProc, 1});
-    Fd gone = Fd::Event(1);
-    ASSERT_EQ(AddFd(sch.Get(), gone.Get(), {NoteProc, 2}), 0U);
-    const ReadyTask c(sch.Get(), {NoteProc, 3});
-    XEL_TaskDestroy(SchTaskGetHandleByAppFd(gone.Get()));
-    xeltest::ScriptMicroSec({100, 101, 200, 201});
-    xeltest::ResetFaults();
-    XEL_SchDispatch(sch.Get());
-    EXPECT_EQ(xeltest::Calls(Call::SystimeGetMicroSec), 4U);
-    EXPECT_EQ(TakeLines().size(), 3U);
-}
-
-// What one wait reports is inserted at one moment.
-TEST_F(SchTrace, InsertionsOfOneWaitShareAReading)
-{
-    TestSch sch;
-    const ReadyTask a(sch.Get(), {NoteProc, 1});
-    const ReadyTask b(sch.Get(), {NoteProc, 2});
-    xeltest::ScriptMicroSec({10, 20, 30, 40, 50, 60});
-    xeltest::ResetFaults();
-    XEL_SchDispatch(sch.Get());
-    EXPECT_EQ(xeltest::Calls(Call::SystimeGetMicroSec), 3U) << "insertion, start, end";
-    EXPECT_EQ(a.Task()->insertTime, 10U);
-    EXPECT_EQ(b.Task()->insertTime, 10U);
-    XEL_SchDispatch(sch.Get());
-    EXPECT_EQ(std::max(a.Task()->lastInsertTime, b.Task()->lastInsertTime), 40U);
 }
 
 // The duration is handed to the statistic as 32 bits, to the trace whole.
