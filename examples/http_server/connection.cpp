@@ -1,5 +1,7 @@
 // A connection's runs: read a little, answer a little, send a little, then let the scheduler choose
-// again. Called by the loop (through Proc) and by the server's sweep, on the loop's thread.
+// again. Called by the loop (through Proc) and by the server's sweep, on the loop's thread. A
+// connection is closed in its own run only: readiness of it that is queued at another time would
+// be dropped with a log line.
 //
 // Each run is bounded: one read, a few requests, so many bytes of output. Between runs the socket
 // is watched for exactly one thing: EPOLLIN while only more input helps, EPOLLOUT while there is
@@ -48,6 +50,10 @@ u32 Connection::Proc(struct epoll_event* event, u64 data)
 
 bool Connection::Run(const struct epoll_event& event)
 {
+    task_ = event.data.ptr;
+    if (isEnding_) {
+        return false;
+    }
     if (stream_.IsLingering()) {
         return stream_.Discard();
     }
@@ -58,9 +64,9 @@ bool Connection::Run(const struct epoll_event& event)
         return false;
     }
     if (session_.Phase() == SessionPhase::Ended) {
-        return StartLinger(event);
+        return StartLinger();
     }
-    return WatchFor(event, session_.Phase() == SessionPhase::Receiving ? EPOLLIN : EPOLLOUT);
+    return WatchFor(session_.Phase() == SessionPhase::Receiving ? EPOLLIN : EPOLLOUT);
 }
 
 bool Connection::Receive()
@@ -127,22 +133,22 @@ bool Connection::Send(size_t& budget)
     return step != StreamStep::Broken;
 }
 
-bool Connection::StartLinger(const struct epoll_event& event)
+bool Connection::StartLinger()
 {
     if (!stream_.StartLinger()) {
         return false;
     }
     ExtendDeadline();
-    return WatchFor(event, EPOLLIN);
+    return WatchFor(EPOLLIN);
 }
 
-bool Connection::WatchFor(const struct epoll_event& event, u32 events)
+bool Connection::WatchFor(u32 events)
 {
     if (events == watched_) {
         return true;
     }
     watched_ = events;
-    return server_.TaskLoop().Watch(Fd(), events, event.data.ptr);
+    return server_.TaskLoop().Watch(Fd(), events, task_);
 }
 
 void Connection::ExtendDeadline()
@@ -150,15 +156,22 @@ void Connection::ExtendDeadline()
     deadlineMs_ = NowMs() + server_.IdleMs();
 }
 
-void Connection::Expire()
+bool Connection::Expire()
 {
+    const bool isFirst = !isLate_;
+    isLate_ = true;
     const SessionPhase phase = session_.Phase();
     if (phase == SessionPhase::Receiving && session_.IsMidRequest()) {
         session_.Refuse(408);
-        Answer();
-        size_t budget = kOutputPerRun;
-        Send(budget);
-    } else if (phase == SessionPhase::Sending) {
+        ExtendDeadline();
+        if (WatchFor(EPOLLOUT)) {
+            return isFirst;
+        }
+    }
+    if (phase == SessionPhase::Sending) {
         stream_.ResetOnClose();
     }
+    isEnding_ = true;
+    stream_.EndAll();
+    return isFirst;
 }

@@ -22,9 +22,10 @@ public:
     bool Start();
     // One run of the task. False: the connection is over and is to be closed.
     bool Run(const struct epoll_event& event);
-    bool IsOverdue(u64 nowMs) const { return nowMs >= deadlineMs_; }
-    // Says goodbye to a client that was too slow, as far as it listens. It is to be closed after.
-    void Expire();
+    bool IsOverdue(u64 nowMs) const { return !isEnding_ && nowMs >= deadlineMs_; }
+    // A client that stopped in the midst of a request is told so by the next run, and has another
+    // time limit to read it; any other one is closed by the next run. False: it was late before.
+    bool Expire();
 
     // The task callback of all connections; closes the connection when its run says so.
     static u32 Proc(struct epoll_event* event, u64 data);
@@ -36,15 +37,18 @@ private:
     void Answer();
     bool MoveTo(TaskPlace place);
     bool Send(size_t& budget);
-    bool StartLinger(const struct epoll_event& event);
-    bool WatchFor(const struct epoll_event& event, u32 events);
+    bool StartLinger();
+    bool WatchFor(u32 events);
     void ExtendDeadline();
 
     Server& server_;
     HttpStream stream_;
     HttpSession& session_; // of the stream
     TaskPlace place_ = {TaskClass::Http};
+    void* task_ = nullptr; // the library's handle, as each event of it says
     u32 watched_ = EPOLLIN;
+    bool isLate_ = false;
+    bool isEnding_ = false; // the next run is the last
     u64 deadlineMs_ = 0;
 };
 

@@ -162,16 +162,12 @@ u32 Server::SweepProc(struct epoll_event*, u64 data)
     return XEL_OK;
 }
 
-// A connection that is closed here may be queued in the scheduler; its event is dropped there, with
-// a log line. That takes a server busier than the idle limit.
 void Server::Sweep()
 {
     const u64 nowMs = NowMs();
     for (const auto& connection : connections_) {
-        if (connection && connection->IsOverdue(nowMs)) {
+        if (connection && connection->IsOverdue(nowMs) && connection->Expire()) {
             ++counters_.timedOut;
-            connection->Expire();
-            Close(*connection);
         }
     }
     if (!listening_) {

@@ -12,7 +12,7 @@ struct ServerCounters {
     u64 opened = 0;   // connections accepted and served
     u64 closed = 0;   // of those, the ones that have ended
     u64 refused = 0;  // turned away because there were too many
-    u64 timedOut = 0; // closed by the sweep
+    u64 timedOut = 0; // found late by the sweep
     u64 requests = 0; // responses handed to the kernel as a whole
 
     u64 Open() const { return opened - closed; }
