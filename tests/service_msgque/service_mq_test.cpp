@@ -291,6 +291,7 @@ TEST_F(ServiceMqTest, ConsumersPlayPingPong)
     });
     EXPECT_EQ(Send("ping", "b", 1), 0U);
     ASSERT_TRUE(ping.AwaitCount(100));
+    pongWorker.Run([] {}); // its last run, which sent the last ball, has ended
     EXPECT_EQ(pong.count, 99U);
     EXPECT_EQ(ping.ranOn, pingWorker->tid.load());
     EXPECT_EQ(pong.ranOn, pongWorker->tid.load());
