@@ -128,31 +128,30 @@ bool WaitForEvents(SchCtrl* sch, u32* count)
     return false;
 }
 
-// Passes the ready events through the policy; *run and *count become what is to run now. False
-// after a failure, as above.
-bool ApplyPolicy(SchCtrl* sch, struct epoll_event** run, u32* count)
+// Passes the ready events, which are in the list, through the policy; the list becomes what it
+// selects. False after a failure, as above.
+bool ApplyPolicy(SchCtrl* sch, const SchBatch& batch, SchRunList* run)
 {
-    *run = sch->eventBuf;
     if (sch->policy == nullptr) {
         return true;
     }
     if (IsBfs(sch)) {
-        if (*count == 1) {
-            *count = BfsPassEvent(sch->policy, sch->eventBuf[0], run);
+        if (run->count == 1) {
+            BfsPassEvent(sch->policy, sch->eventBuf[0], batch, run);
             return true;
         }
-        (void)SCH_BfsInsertEvents(sch->policy, sch->eventBuf, *count);
-        *count = SCH_BfsSelectEvents(sch->policy, run);
+        (void)SCH_BfsInsertEvents(sch->policy, sch->eventBuf, run->count);
+        run->count = SCH_BfsSelectEvents(sch->policy, &run->events);
         return true;
     }
-    const u32 ret = sch->policyOps.insert(sch->policy, sch->eventBuf, *count);
+    const u32 ret = sch->policyOps.insert(sch->policy, sch->eventBuf, run->count);
     if (ret != XEL_OK) {
         SchDbgAddErrStat(EpFdOf(sch), SCH_ERR_INSERT);
         XEL_LOG_FAIL(kSchLog, "Sch dispatch, insert event unsuccessfully. (ret = %#x).", ret);
         SleepPenalty();
         return false;
     }
-    *count = sch->policyOps.select(sch->policy, run);
+    run->count = sch->policyOps.select(sch->policy, &run->events);
     return true;
 }
 
@@ -166,15 +165,16 @@ void SetMayBlock(SchCtrl* sch, bool mayBlock)
 
 // The record is cleared once per cycle, so the trace of the first event carries eventLeft 0 and
 // each later one the value taken after the event before it.
-void RunEvents(SchCtrl* sch, const DispatchHook& hook, struct epoll_event* events, i32 n,
-               const SchBatch& batch)
+void RunEvents(SchCtrl* sch, const DispatchHook& hook, const SchBatch& batch, SchRunList* run)
 {
-    SchTaskTraceInfo record;
+    const XelTaskUsrCb& callback = run->start.callback;
+    SchTaskTraceInfo& record = run->start.record;
     record.eventLeft = 0;
-    for (i32 i = 0; i < n; ++i) {
-        XelTaskUsrCb callback = {};
-        if (SchTaskBeginRun(TaskOf(events[i]), batch, events[i].events, &callback, &record) !=
-            XEL_OK) {
+    for (i32 i = 0; i < static_cast<i32>(run->count); ++i) {
+        struct epoll_event* event = &run->events[i];
+        const bool isBegun = i == 0 && run->isBegun;
+        if (!isBegun &&
+            SchTaskBeginRun(TaskOf(*event), batch, event->events, &run->start) != XEL_OK) {
             SchDbgAddErrStat(EpFdOf(sch), SCH_ERR_INVALID_TASK);
             XEL_LOG_FAIL(kSchLog, "Event process, invalid task-ctrl.");
             continue;
@@ -184,7 +184,7 @@ void RunEvents(SchCtrl* sch, const DispatchHook& hook, struct epoll_event* event
         }
         record.startTime = NowUs();
         StampTimeOfDay(&record);
-        RunProc(sch, hook, callback, &events[i]);
+        RunProc(sch, hook, callback, event);
         const u64 end = NowUs();
         if (record.timestamp.tv_sec == 0) {
             StampTimeOfDay(&record); // somebody may have registered during the run
@@ -208,18 +208,18 @@ CycleEnd RunCycle(SchCtrl* sch, u64 context, SchDispatchHook hook)
         return CycleEnd::SleepDue;
     }
     const u32 oldest = SchNewestTask();
-    u32 count = 0;
-    struct epoll_event* run = nullptr;
-    if (!WaitForEvents(sch, &count)) {
+    SchRunList run;
+    run.events = sch->eventBuf;
+    run.isBegun = false;
+    if (!WaitForEvents(sch, &run.count)) {
         return CycleEnd::Done;
     }
-    const u32 newest = SchNewestTask();
-    if (!ApplyPolicy(sch, &run, &count)) {
+    const SchBatch batch{IsBfs(sch), static_cast<i32>(EpFdOf(sch)), oldest, SchNewestTask()};
+    if (!ApplyPolicy(sch, batch, &run)) {
         return CycleEnd::Done;
     }
-    SetMayBlock(sch, count == 0);
-    RunEvents(sch, DispatchHook{context, hook}, run, static_cast<i32>(count),
-              SchBatch{IsBfs(sch), static_cast<i32>(EpFdOf(sch)), oldest, newest});
+    SetMayBlock(sch, run.count == 0);
+    RunEvents(sch, DispatchHook{context, hook}, batch, &run);
     return CycleEnd::Done;
 }
 
@@ -319,8 +319,12 @@ void SchEventsProcess(SchCtrl* sch, u64 context, SchDispatchHook hook, struct ep
                       i32 n)
 {
     const u32 newest = SchNewestTask();
-    RunEvents(sch, DispatchHook{context, hook}, events, n,
-              SchBatch{false, static_cast<i32>(EpFdOf(sch)), newest, newest});
+    SchRunList run;
+    run.events = events;
+    run.count = static_cast<u32>(n);
+    run.isBegun = false;
+    RunEvents(sch, DispatchHook{context, hook},
+              SchBatch{false, static_cast<i32>(EpFdOf(sch)), newest, newest}, &run);
 }
 
 // The two steps around a run as a diagnostics component may call them.

@@ -545,27 +545,35 @@ uint32_t SCH_BfsSelectEvents(void* policy, struct epoll_event** out)
 
 // With nothing queued, the way through a list is as long as half of the cycle and leads back to the
 // same event.
-u32 BfsPassEvent(void* policy, const struct epoll_event& event, struct epoll_event** out)
+void BfsPassEvent(void* policy, const struct epoll_event& event, const SchBatch& batch,
+                  SchRunList* run)
 {
     SchBfsCtrl* ctrl = Instance(policy);
-    if (ctrl->listAnchor != 0) {
-        struct epoll_event single = event;
-        (void)SCH_BfsInsertEvents(policy, &single, 1);
-        return SCH_BfsSelectEvents(policy, out);
-    }
     ctrl->lastCount = 1;
-    SchTaskInsertInfo task = {};
-    bool isTaken = false;
-    if (SchTaskInsertOrTake(ctrl, TaskOf(event), &event, &task, &isTaken) != XEL_OK) {
-        XEL_LOG_FAIL(kBfsLog, "Event insert, invalid task-ctrl.");
-    } else if (isTaken) {
-        ServeAtOnce(ctrl, event, task);
-        *out = ctrl->outEvents;
-        return 1;
-    } else {
-        QueueInserted(ctrl, event, task);
+    if (ctrl->listAnchor != 0) {
+        InsertEvent(ctrl, event);
+        run->count = SCH_BfsSelectEvents(policy, &run->events);
+        return;
     }
-    return SCH_BfsSelectEvents(policy, out);
+    SchTaskInsertInfo task = {};
+    const SchInserted inserted =
+        SchTaskInsertOrTake(ctrl, TaskOf(event), &event, batch, &task, &run->start);
+    switch (inserted) {
+    case SchInserted::Taken:
+    case SchInserted::Begun:
+        ServeAtOnce(ctrl, event, task);
+        run->events = ctrl->outEvents;
+        run->count = 1;
+        run->isBegun = inserted == SchInserted::Begun;
+        return;
+    case SchInserted::Pending:
+        QueueInserted(ctrl, event, task);
+        break;
+    case SchInserted::Refused:
+        XEL_LOG_FAIL(kBfsLog, "Event insert, invalid task-ctrl.");
+        break;
+    }
+    run->count = SCH_BfsSelectEvents(policy, &run->events);
 }
 
 void BfsAllowAside(void* policy, i32 epFd)

@@ -166,12 +166,6 @@ XEL_API i32 SchGetTraceDbgInfo(SchTaskCtrl* task, SchTaskTraceInfo* trace);
 
 XEL_EXTERN_C_END
 
-// SchTaskGetInfoInsert for an event that will be selected at once if it is queued. When nothing
-// speaks against it, it is neither pending nor to be queued afterwards but delivered as it is:
-// *isTaken becomes true.
-u32 SchTaskInsertOrTake(void* sch, SchTaskCtrl* task, const struct epoll_event* event,
-                        SchTaskInsertInfo* info, bool* isTaken);
-
 // SchTaskGetEvent for a policy that is crowded: a registration that was set aside comes back for
 // one report only. *isOwed is set when it could not be put back and has to be tried again.
 u32 SchTaskTakeEvent(SchTaskCtrl* task, u32 version, struct epoll_event* event, bool isCrowded,
@@ -190,14 +184,41 @@ inline u32 SchNewestTask()
     return g_xelTaskRunCtrl.taskVer.load(std::memory_order_relaxed);
 }
 
-// What a run begins with, under one hold of the task's lock: the callback with its data, and the
-// task's share of the run's record but for the time of day. 0, or 0xFFFFFFFF (logged).
+// What a run begins with: the callback with its data, and the task's share of the run's record but
+// for the time of day.
+struct SchRunStart {
+    XelTaskUsrCb callback;
+    SchTaskTraceInfo record;
+};
+
+// Takes what the run begins with, under one hold of the task's lock. 0, or 0xFFFFFFFF (logged).
 //
 // The task that was reported may have been destroyed since, and another one have taken its unit.
 // One that is younger than the batch is refused. One that was created while the wait stood may be
 // meant: it is refused if it is bound elsewhere, or bound nowhere and not ready for these events.
-u32 SchTaskBeginRun(SchTaskCtrl* task, const SchBatch& batch, u32 events, XelTaskUsrCb* callback,
-                    SchTaskTraceInfo* trace);
+u32 SchTaskBeginRun(SchTaskCtrl* task, const SchBatch& batch, u32 events, SchRunStart* start);
+
+// The events that are to run now.
+struct SchRunList {
+    struct epoll_event* events;
+    u32 count;
+    bool isBegun; // the first run has: start is what it begins with
+    SchRunStart start;
+};
+
+// What became of an event at its insertion.
+enum class SchInserted {
+    Refused, // logged
+    Pending, // in the mask, as SchTaskGetInfoInsert does it
+    Taken,   // as it is: neither pending nor to be queued
+    Begun,   // taken, and SchTaskBeginRun is done
+};
+
+// Inserts an event that would be selected at once if it was queued: when nothing speaks against it,
+// it is taken under the same hold of the task's lock, and when its task existed before the wait,
+// its run begins.
+SchInserted SchTaskInsertOrTake(void* sch, SchTaskCtrl* task, const struct epoll_event* event,
+                                const SchBatch& batch, SchTaskInsertInfo* info, SchRunStart* start);
 
 // An event of the task is dropped unrun: clears the pending mask when the version is still the
 // same, so that the task can be queued again. Silent.

@@ -94,19 +94,26 @@ bool CanBeTaken(const SchTaskCtrl* task, u32 pending)
            task->prio < kTaskPrioCount;
 }
 
-// The steps of an insertion; with isTaken the event may be taken at once.
-u32 Insert(void* sch, SchTaskCtrl* task, const struct epoll_event* event, SchTaskInsertInfo* info,
-           bool* isTaken)
+void CopyStart(const SchTaskCtrl* task, SchRunStart* start)
+{
+    start->callback = {task->proc, task->data};
+    CopyTrace(task, &start->record);
+}
+
+// The steps of an insertion. With a start the event may be taken instead of becoming pending; the
+// batch is looked at then only.
+SchInserted Insert(void* sch, SchTaskCtrl* task, const struct epoll_event* event,
+                   SchTaskInsertInfo* info, const SchBatch* batch, SchRunStart* start)
 {
     const u32 magic = TaskMagicOf(task);
     if (magic != kTaskMagic) {
         XEL_LOG_FAIL(kTaskLog, "Task get info unsuccessfully, task magic is damaged, magic = %#x.",
                      magic);
-        return XEL_FAIL;
+        return SchInserted::Refused;
     }
     if (!FtEntryIsValid(task, false)) {
         XEL_LOG_FAIL(kTaskLog, "Task get info unsuccessfully, input is not valid.");
-        return XEL_FAIL;
+        return SchInserted::Refused;
     }
     const ShortWriteGuard guard(task->lock);
     if (task->init == 0) {
@@ -114,13 +121,13 @@ u32 Insert(void* sch, SchTaskCtrl* task, const struct epoll_event* event, SchTas
                      "Task get info unsuccessfully, task handle had been destroyed already, "
                      "init = %u.",
                      static_cast<u32>(task->init));
-        return XEL_FAIL;
+        return SchInserted::Refused;
     }
     if (sch != nullptr && !TaskIsBound(task, sch)) {
         XEL_LOG_FAIL(kTaskLog,
                      "Task get info unsuccessfully, task is not bind scheduler. (taskName = %s)",
                      task->name);
-        return XEL_FAIL;
+        return SchInserted::Refused;
     }
     info->version = task->version;
     info->type = task->type;
@@ -134,12 +141,15 @@ u32 Insert(void* sch, SchTaskCtrl* task, const struct epoll_event* event, SchTas
         task->insertTime = task->lastInsertTime;
     }
     TaskWatchReported(task, event->events);
-    if (isTaken != nullptr && CanBeTaken(task, pending)) {
-        *isTaken = true;
-        return XEL_OK;
+    if (start == nullptr || !CanBeTaken(task, pending)) {
+        task->events.store(pending | event->events, std::memory_order_relaxed);
+        return SchInserted::Pending;
     }
-    task->events.store(pending | event->events, std::memory_order_relaxed);
-    return XEL_OK;
+    if (IsYounger(task, batch->oldest)) {
+        return SchInserted::Taken;
+    }
+    CopyStart(task, start);
+    return SchInserted::Begun;
 }
 
 } // namespace
@@ -147,13 +157,14 @@ u32 Insert(void* sch, SchTaskCtrl* task, const struct epoll_event* event, SchTas
 u32 SchTaskGetInfoInsert(void* sch, SchTaskCtrl* task, const struct epoll_event* event,
                          SchTaskInsertInfo* info)
 {
-    return Insert(sch, task, event, info, nullptr);
+    const SchInserted inserted = Insert(sch, task, event, info, nullptr, nullptr);
+    return inserted == SchInserted::Refused ? XEL_FAIL : XEL_OK;
 }
 
-u32 SchTaskInsertOrTake(void* sch, SchTaskCtrl* task, const struct epoll_event* event,
-                        SchTaskInsertInfo* info, bool* isTaken)
+SchInserted SchTaskInsertOrTake(void* sch, SchTaskCtrl* task, const struct epoll_event* event,
+                                const SchBatch& batch, SchTaskInsertInfo* info, SchRunStart* start)
 {
-    return Insert(sch, task, event, info, isTaken);
+    return Insert(sch, task, event, info, &batch, start);
 }
 
 u32 SchTaskGetEvent(SchTaskCtrl* task, u32 version, struct epoll_event* event)
@@ -190,8 +201,7 @@ void SchTaskDropEvent(SchTaskCtrl* task, u32 version)
     }
 }
 
-u32 SchTaskBeginRun(SchTaskCtrl* task, const SchBatch& batch, u32 events, XelTaskUsrCb* callback,
-                    SchTaskTraceInfo* trace)
+u32 SchTaskBeginRun(SchTaskCtrl* task, const SchBatch& batch, u32 events, SchRunStart* start)
 {
     if (!IsLive(task, batch.isChecked)) {
         XEL_LOG_FAIL(kTaskLog, "Task get info process unsuccessfully, task is invalid.");
@@ -208,21 +218,18 @@ u32 SchTaskBeginRun(SchTaskCtrl* task, const SchBatch& batch, u32 events, XelTas
         XEL_LOG_FAIL(kTaskLog, "Task get info process unsuccessfully, task is invalid.");
         return XEL_FAIL;
     }
-    *callback = {task->proc, task->data};
-    CopyTrace(task, trace);
+    CopyStart(task, start);
     return XEL_OK;
 }
 
 u32 SchTaskGetInfoProcess(SchTaskCtrl* task, XelTaskProc* proc, u64* data)
 {
-    XelTaskUsrCb callback = {};
-    SchTaskTraceInfo unused;
+    SchRunStart start;
     const u32 newest = SchNewestTask();
-    const u32 ret =
-        SchTaskBeginRun(task, SchBatch{false, -1, newest, newest}, 0, &callback, &unused);
+    const u32 ret = SchTaskBeginRun(task, SchBatch{false, -1, newest, newest}, 0, &start);
     if (ret == XEL_OK) {
-        *proc = callback.proc;
-        *data = callback.data;
+        *proc = start.callback.proc;
+        *data = start.callback.data;
     }
     return ret;
 }

@@ -208,6 +208,37 @@ TEST_F(SchRare, TaskInATurnedOverUnitRunsWithItsOwnBatch)
     EXPECT_EQ(DelFd(sch.Get(), fresh.Get()), 0U);
 }
 
+// The policy takes what was reported in turn; meanwhile the task of a later event ends, and one of
+// another descriptor, which is not ready, takes its unit on the same scheduler.
+TEST_F(SchRare, TaskThatCameAfterTheWaitIsNotRunInPlaceOfTheReportedOne)
+{
+    TestSch sch;
+    HookRecorder hooks;
+    const Fd first = Fd::Event(1);
+    const Fd doomed = Fd::Event(1);
+    const Fd fresh = Fd::Event();
+    ASSERT_EQ(AddFd(sch.Get(), first.Get(), {.proc = NoteProc, .data = 1, .prio = 5}), 0U);
+    ASSERT_EQ(AddFd(sch.Get(), doomed.Get(), {NoteProc, 2}), 0U);
+    const SchTaskCtrl* before = SchTaskGetHandleByAppFd(doomed.Get());
+    (void)HookRecorder::Take();
+    xeltest::RunAtNth(xeltest::Call::SystimeGetMicroSec, 1, [&] {
+        EXPECT_EQ(DelFd(sch.Get(), doomed.Get()), 0U);
+        EXPECT_EQ(AddFd(sch.Get(), fresh.Get(), {.proc = NoteProc, .data = 3, .prio = 0}), 0U);
+        EXPECT_EQ(SchTaskGetHandleByAppFd(fresh.Get()), before) << "taken first";
+    });
+    XEL_SchDispatch(sch.Get());
+    Notes notes = HookRecorder::Take();
+    EXPECT_EQ(std::count(notes.begin(), notes.end(), "run 3"), 0);
+    EXPECT_LINES(TaskLine("Task get info process unsuccessfully, task is invalid."),
+                 SchLine("Event process, invalid task-ctrl."));
+    Signal(fresh.Get());
+    XEL_SchDispatch(sch.Get());
+    notes = HookRecorder::Take();
+    EXPECT_EQ(std::count(notes.begin(), notes.end(), "run 3"), 1) << "for its own readiness";
+    EXPECT_EQ(DelFd(sch.Get(), first.Get()), 0U);
+    EXPECT_EQ(DelFd(sch.Get(), fresh.Get()), 0U);
+}
+
 // A wait that reports a task which ends before the dispatcher looks at it: another thread destroys
 // it, and makes a task in its unit.
 class SchTurnover : public SchRare
