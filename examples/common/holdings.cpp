@@ -4,7 +4,10 @@
 #include <chrono>
 #include <filesystem>
 #include <iterator>
+#include <string>
 #include <thread>
+
+#include <unistd.h>
 
 #include "xel_mem.h"
 
@@ -27,6 +30,19 @@ Holdings CountHoldings()
     XEL_MemGetUsage(&usage);
     return {static_cast<long>(usage.blocks), CountEntries("/proc/self/fd"),
             CountEntries("/proc/self/task")};
+}
+
+// Some tools add a thread of theirs to the first one of a program, so that one is made here. It is
+// listed for a moment longer than it can be joined.
+long CountThreadsAtRest()
+{
+    pid_t tid = 0;
+    std::thread([&tid] { tid = gettid(); }).join();
+    const std::filesystem::path entry = "/proc/self/task/" + std::to_string(tid);
+    while (std::filesystem::exists(entry)) {
+        std::this_thread::yield();
+    }
+    return CountHoldings().threads;
 }
 
 Holdings CountHoldingsWithThreads(long threads)

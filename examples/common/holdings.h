@@ -10,6 +10,9 @@ struct Holdings {
 
 Holdings CountHoldings();
 
+// The threads of a program that has not made any that last.
+long CountThreadsAtRest();
+
 // Counts again once no more than that many threads are left, or after five seconds. Scheduler
 // threads are detached, so the end of their last instructions shows in /proc only.
 Holdings CountHoldingsWithThreads(long threads);

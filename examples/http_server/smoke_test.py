@@ -52,7 +52,8 @@ class Running:
         self.reader = threading.Thread(
             target=lambda: self.errors.append(self.process.stderr.read()))
         self.reader.start()
-        match = PORT_LINE.fullmatch(self.process.stdout.readline())
+        self.first = self.process.stdout.readline()
+        match = PORT_LINE.fullmatch(self.first)
         self.port = int(match.group(1)) if match else 0
 
     def stop(self, number=signal.SIGTERM):
@@ -68,15 +69,18 @@ class Running:
     def kill(self):
         if self.process.poll() is None:
             self.process.kill()
-            self.process.wait()
-            self.reader.join()
+        self.process.wait()
+        self.reader.join()
 
 
 class HttpServer(unittest.TestCase):
     def start(self, *options, nofile=None):
         self.server = Running(*options, nofile=nofile)
         self.addCleanup(self.server.kill)
-        self.assertNotEqual(self.server.port, 0, "the server says where it listens")
+        if self.server.port == 0:
+            self.server.kill()
+            self.fail(f"it does not say where it listens: {self.server.first}"
+                      f"{self.server.errors}")
 
     def finish(self, number=signal.SIGTERM):
         """Stops a server that must be healthy; (requests, connections) of its last line."""

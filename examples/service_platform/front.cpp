@@ -157,6 +157,7 @@ void Front::PauseListener()
 {
     tasks_.Remove(listener_.Get());
     isListening_ = false;
+    isPaused_ = true;
     sockets_.Done();
 }
 
@@ -164,6 +165,7 @@ void Front::ResumeListener()
 {
     isListening_ = tasks_.Add(listener_.Get(), TaskPlace::Listener, ListenerProc, this);
     if (isListening_) {
+        isPaused_ = false;
         sockets_.Add();
     }
 }
@@ -184,7 +186,7 @@ void Front::Sweep()
             connection->EndAll();
         }
     }
-    if (!isListening_ && !isStopping_) {
+    if (isPaused_ && !isStopping_) {
         ResumeListener();
     }
 }

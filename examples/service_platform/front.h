@@ -111,6 +111,7 @@ private:
     UniqueFd listener_;
     const u32 port_;
     bool isListening_ = false;
+    bool isPaused_ = false; // the next sweep resumes; not before the first start
     bool isStopping_ = false;
     Tasks tasks_;
     u64 lastRequest_ = 0;

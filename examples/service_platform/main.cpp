@@ -9,7 +9,6 @@
 #include <exception>
 #include <string_view>
 #include <system_error>
-#include <thread>
 
 #include "examples/service_platform/load.h"
 #include "examples/service_platform/log_watch.h"
@@ -139,8 +138,7 @@ void IgnoreMessage(XelServiceMsg*, void*) {}
 // made stay for the life of the process.
 Holdings HoldingsAfterFirstService()
 {
-    std::thread([] {}).join(); // some tools add a thread of theirs to the first one
-    const long threads = CountHoldings().threads;
+    const long threads = CountThreadsAtRest();
     {
         const Worker first("first");
         const XelServiceMqConfig config = {1, first.Handle(), IgnoreMessage, nullptr};

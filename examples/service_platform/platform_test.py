@@ -88,7 +88,8 @@ class Running:
         self.reader = threading.Thread(
             target=lambda: self.errors.append(self.process.stderr.read()))
         self.reader.start()
-        match = PORT_LINE.fullmatch(self.process.stdout.readline())
+        self.first = self.process.stdout.readline()
+        match = PORT_LINE.fullmatch(self.first)
         self.port = int(match.group(1)) if match else 0
 
     def stop(self, number=signal.SIGTERM):
@@ -106,15 +107,18 @@ class Running:
     def kill(self):
         if self.process.poll() is None:
             self.process.kill()
-            self.process.wait()
-            self.reader.join()
+        self.process.wait()
+        self.reader.join()
 
 
 class ServicePlatform(unittest.TestCase):
     def start(self, *options):
         self.platform = Running(*options)
         self.addCleanup(self.platform.kill)
-        self.assertNotEqual(self.platform.port, 0, "the platform says where it listens")
+        if self.platform.port == 0:
+            self.platform.kill()
+            self.fail(f"it does not say where it listens: {self.platform.first}"
+                      f"{self.platform.errors}")
 
     def finish(self, log=""):
         """The table of a run that has ended well. log: what standard error must look like."""

@@ -115,7 +115,7 @@ bool CheckRuns(Runs& runs)
 
 Holdings HoldingsAfterFirstWorker()
 {
-    const long threads = CountHoldings().threads;
+    const long threads = CountThreadsAtRest();
     {
         const Worker first("first");
     }

@@ -161,7 +161,7 @@ TEST_F(EventNotify, ManyNotificationsAreCountedExactly)
 
 TEST_F(EventNotify, CallbackMayNotifyItsOwnEventAndOthers)
 {
-    const Worker worker;
+    Worker worker;
     const Worker otherWorker("other");
     std::atomic<u32> runs{0};
     std::atomic<u32> otherRuns{0};
@@ -178,6 +178,7 @@ TEST_F(EventNotify, CallbackMayNotifyItsOwnEventAndOthers)
     self = event.Get();
     event.Notify();
     EXPECT_TRUE(AwaitTrue([&] { return otherRuns.load() == 10; }));
+    worker.Run([] {}); // the run that notified last has ended
     EXPECT_EQ(runs.load(), 10U);
 }
 
