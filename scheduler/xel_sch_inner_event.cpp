@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "common/xel_memory.h"
+#include "scheduler/xel_sch_task_bind.h"
 
 namespace
 {
@@ -44,6 +45,7 @@ SchTaskCtrl* SchInnerEventCreate(i32 epFd, const SchEpollOps* ops)
         close(fd);
         return nullptr;
     }
+    TaskKeepTo(task, epFd);
     struct epoll_event event = {};
     event.events = EPOLLIN;
     event.data.ptr = task;

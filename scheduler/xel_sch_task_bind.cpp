@@ -92,6 +92,12 @@ bool TaskIsBound(const SchTaskCtrl* task, const void* sch)
     return false;
 }
 
+void TaskKeepTo(SchTaskCtrl* task, i32 epFd)
+{
+    const ShortWriteGuard guard(task->lock);
+    TailOf(task)->epFd = epFd;
+}
+
 bool TaskMayRunOn(SchTaskCtrl* task, i32 epFd)
 {
     const i32 boundTo = TailOf(task)->epFd;

@@ -22,7 +22,10 @@ u32 TaskBind(SchTaskCtrl* task, void* sch, const TaskPlace& place);
 // it first.
 void TaskUnbind(SchTaskCtrl* task, void* sch, TaskWatch* forgotten);
 
-// False when the task, which is bound, is known not to be bound to the scheduler of epFd.
+// The task, bound nowhere, is for the scheduler of epFd only.
+void TaskKeepTo(SchTaskCtrl* task, i32 epFd);
+
+// False when the task, which is bound or kept, is known not to be for the scheduler of epFd.
 bool TaskMayRunOn(SchTaskCtrl* task, i32 epFd);
 
 // Forgets every binding and frees the nodes.

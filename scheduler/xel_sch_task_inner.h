@@ -78,7 +78,8 @@ constexpr i32 kSeveralEpFds = -1; // or one that is not known
 struct SchTaskTail {
     SchTaskCtrl* next; // in its bucket of the descriptor index; under the table lock
     u32 key;           // descriptor + 1 while in the index, else 0; under the table lock
-    i32 epFd;          // of the scheduler it was bound to, or kSeveralEpFds; under the task's lock
+    i32 epFd;          // of the scheduler it was bound to or wakes up, or kSeveralEpFds; under
+                       // the task's lock
 };
 static_assert(sizeof(SchTaskCtrl) + sizeof(SchTaskTail) <= kTaskUnitSize);
 static_assert(sizeof(SchTaskCtrl) % alignof(SchTaskTail) == 0);
@@ -195,7 +196,8 @@ struct SchRunStart {
 //
 // The task that was reported may have been destroyed since, and another one have taken its unit.
 // One that is younger than the batch is refused. One that was created while the wait stood may be
-// meant: it is refused if it is bound elsewhere, or bound nowhere and not ready for these events.
+// meant: it is refused if it is bound elsewhere or wakes up another scheduler, or is bound nowhere
+// and not ready for these events.
 u32 SchTaskBeginRun(SchTaskCtrl* task, const SchBatch& batch, u32 events, SchRunStart* start);
 
 // The events that are to run now.

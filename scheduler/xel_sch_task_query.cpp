@@ -11,6 +11,7 @@
 #include "scheduler/xel_sch_task_bind.h"
 #include "scheduler/xel_sch_task_inner.h"
 #include "scheduler/xel_sch_task_watch.h"
+#include "scheduler/xel_scheduler_inner.h"
 #include "xel_clock.h"
 
 namespace
@@ -48,8 +49,15 @@ bool IsMeant(SchTaskCtrl* task, const SchBatch& batch, u32 events)
     if (IsYounger(task, batch.newest)) {
         return false;
     }
-    return batch.isChecked || (task->schCount == 0 ? TaskReadiness(task->fd, events) != 0
-                                                   : TaskMayRunOn(task, batch.epFd));
+    if (batch.isChecked) {
+        return true;
+    }
+    // A task that wakes up a scheduler is bound nowhere, and yet for that one only.
+    const bool hasPlace = task->schCount != 0 || task->proc == SchInnerEventProc;
+    if (hasPlace && !TaskMayRunOn(task, batch.epFd)) {
+        return false;
+    }
+    return task->schCount != 0 || TaskReadiness(task->fd, events) != 0;
 }
 
 // The pending mask is taken under the read hold: an exchange, since two may take at once.

@@ -11,6 +11,7 @@
 #include "sch_dispatch_support.h"
 #include "scheduler/xel_fmm_tbl.h"
 #include "scheduler/xel_sch_dbg_inner.h"
+#include "scheduler/xel_sch_inner_event.h"
 
 namespace
 {
@@ -272,7 +273,8 @@ protected:
             const void* before = wait.events[0].data.ptr;
             EXPECT_EQ(DelFd(Sch(), doomed_->Get()), 0U);
             std::exchange(makeSuccessor_, nullptr)();
-            EXPECT_EQ(SchTaskGetHandleByAppFd(fresh_->Get()), before) << "taken first";
+            const int fd = successorFd_ >= 0 ? successorFd_ : fresh_->Get();
+            EXPECT_EQ(SchTaskGetHandleByAppFd(fd), before) << "taken first";
         }
         return n;
     }
@@ -304,6 +306,7 @@ protected:
     std::optional<Fd> doomed_;
     std::optional<Fd> fresh_;
     std::function<void()> makeSuccessor_;
+    int successorFd_ = -1; // when it is not for fresh_
 };
 
 TEST_F(SchTurnover, TaskOfAnotherSchedulerIsNotRunHere)
@@ -326,6 +329,24 @@ TEST_F(SchTurnover, TaskThatNobodyHasRegisteredIsNotRun)
     EXPECT_EQ(RunsWith([&] { task = MakeTask(fresh_->Get(), {NoteProc, 3}); }), std::vector<u32>{});
     ExpectRefusal();
     XEL_TaskDestroy(task);
+}
+
+// It is bound nowhere and ready, but it is another destroyer's.
+TEST_F(SchTurnover, WakeUpOfAnotherSchedulerIsNotRunHere)
+{
+    TestSch other(Policy::None);
+    const SchEpollOps ops = LinuxOps();
+    SchTaskCtrl* inner = nullptr;
+    EXPECT_EQ(RunsWith([&] {
+                  inner = SchInnerEventCreate(other.EpFd(), &ops);
+                  successorFd_ = static_cast<int>(SchTaskGetFdBySchHandle(inner));
+                  Signal(successorFd_);
+              }),
+              std::vector<u32>{});
+    ExpectRefusal();
+    eventfd_t left = 0;
+    EXPECT_EQ(eventfd_read(successorFd_, &left), 0) << "nobody has taken it";
+    SchInnerEventDestroy(other.EpFd(), inner, &ops);
 }
 
 TEST_F(SchTurnover, TaskOfThisSchedulerIsRun)
