@@ -213,7 +213,7 @@ uint32_t XEL_TimerStart(XelTimerNode* timer)
     if (!IsUsable(timer)) {
         return XEL_EINVAL;
     }
-    if (ArmUnlessEnding(timer, timer->timeout.load(std::memory_order_relaxed)) != 0) {
+    if (ArmUnlessEnding(timer, timer->timeout.load(std::memory_order_acquire)) != 0) {
         XEL_LOG_FAIL(kTimerLog, "Timer start unsuccessfully. (fd = %d, errno = %d)", timer->fd,
                      errno);
         return XEL_FAIL;
@@ -278,14 +278,16 @@ uint32_t TimerGetTimerRemainTime(XelTimerNode* timer, uint32_t* remainMs)
     return XEL_OK;
 }
 
+// The mark comes first: a start that still finds the handle usable may arm the short delay as the
+// timer's period, and what expires then must find the mark.
 void XEL_TimerDestroy(XelTimerNode* timer)
 {
     const TimerReadGuard guard;
     if (!IsUsable(timer)) {
         return;
     }
-    timer->timeout.store(kDestroyDelayMs, std::memory_order_relaxed);
     timer->destroyPending.store(kTimerPending, std::memory_order_seq_cst);
+    timer->timeout.store(kDestroyDelayMs, std::memory_order_release);
     if (TimerSetStartTime(timer, kDestroyDelayMs) != 0) {
         XEL_LOG_FAIL(kTimerLog, "Timer reset destroy time unsuccessfully. (fd = %d, errno = %d)",
                      timer->fd, errno);

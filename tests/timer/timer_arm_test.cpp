@@ -1,8 +1,10 @@
 // Start, stop, resize, remaining time and destroy: what they set, what they refuse, and what a
 // failing system call leaves.
 #include <cerrno>
+#include <csignal>
 #include <limits>
 #include <poll.h>
+#include <sys/mman.h>
 
 #include "timer_support.h"
 
@@ -10,6 +12,56 @@ namespace
 {
 
 using namespace timertest;
+
+// Catches the first write to the pages of a timer, and lets it and all later ones pass.
+class FirstWrite
+{
+public:
+    explicit FirstWrite(const XelTimerNode* node)
+    {
+        const auto page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+        begin_ = reinterpret_cast<uintptr_t>(node) / page * page;
+        end_ = (reinterpret_cast<uintptr_t>(node + 1) + page - 1) / page * page;
+        where_ = nullptr;
+        struct sigaction action = {};
+        action.sa_sigaction = OnWrite;
+        action.sa_flags = SA_SIGINFO;
+        EXPECT_EQ(sigaction(SIGSEGV, &action, &before_), 0);
+        Protect(PROT_READ);
+    }
+    FirstWrite(const FirstWrite&) = delete;
+    FirstWrite& operator=(const FirstWrite&) = delete;
+    ~FirstWrite()
+    {
+        Protect(PROT_READ | PROT_WRITE);
+        EXPECT_EQ(sigaction(SIGSEGV, &before_, nullptr), 0);
+    }
+    static const void* Where() { return where_.load(); }
+
+private:
+    static void Protect(int protection)
+    {
+        if (mprotect(reinterpret_cast<void*>(begin_), end_ - begin_, protection) != 0) {
+            abort();
+        }
+    }
+    static void OnWrite(int /*signal*/, siginfo_t* info, void* /*context*/)
+    {
+        const auto address = reinterpret_cast<uintptr_t>(info->si_addr);
+        if (address < begin_ || address >= end_) {
+            (void)signal(SIGSEGV, SIG_DFL); // a real fault: it comes again
+            return;
+        }
+        const void* none = nullptr;
+        (void)where_.compare_exchange_strong(none, info->si_addr);
+        Protect(PROT_READ | PROT_WRITE);
+    }
+
+    inline static uintptr_t begin_ = 0;
+    inline static uintptr_t end_ = 0;
+    inline static std::atomic<const void*> where_{nullptr};
+    struct sigaction before_ = {};
+};
 
 class TimerArm : public TimerThreadTest
 {
@@ -313,6 +365,24 @@ TEST_F(TimerArm, DestroyMarksTheTimerAndArmsOneMillisecond)
         EXPECT_FALSE(IsOpen(fd));
         EXPECT_EQ(SchTaskGetHandleByAppFd(fd), nullptr);
     }
+}
+
+// A start that has passed its check would arm the short delay as if it were the timer's period, and
+// the callback would run at its end, if the mark came later.
+TEST_F(TimerArm, DestroyMarksTheTimerBeforeItsPeriodIsShort)
+{
+    Timer timer(*worker_, probe_);
+    XelTimerNode* node = timer.Release();
+    {
+        const HeldWorker held(*worker_);
+        const FirstWrite write(node);
+        XEL_TimerDestroy(node);
+        EXPECT_EQ(write.Where(), &node->destroyPending);
+        EXPECT_EQ(node->timeout.load(), 1U);
+    }
+    AwaitGone(*worker_, node);
+    EXPECT_EQ(probe_.released.load(), 1);
+    EXPECT_NO_LOG();
 }
 
 TEST_F(TimerArm, DestroyThatCannotArmLeavesTheTimerMarked)
