@@ -291,7 +291,7 @@ private:
         (void)TakeUsleeps();
         (void)TakePoolRequests();
         g_xelThreadCtrlMng.count = counted; // a record that was never listed is counted down too
-        const bool isSame = AwaitTrue([&before] { return HasNothingMore(before); }, 2000);
+        const bool isSame = AwaitTrue([&before] { return HasNothingMore(before); });
         EXPECT_TRUE(isSame) << PrintToString(Measure()) << ", before " << PrintToString(before);
         EXPECT_EQ(Lists{}, lists) << "something is still listed";
         alarm(0);

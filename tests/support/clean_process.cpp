@@ -16,7 +16,7 @@ namespace xeltest
 namespace
 {
 
-constexpr int kLeaveTimeoutMs = 5000;
+constexpr int kLeaveTimeoutMs = 20000;
 
 void ForgetSettings()
 {
