@@ -42,35 +42,51 @@ bool IsUsable(const XelTimerNode* node)
     return true;
 }
 
-// Arms the timerfd. An end that another thread asked for between the caller's check and the arming
+// After an arming. An end that another thread asked for between the caller's check and the arming
 // wins: its short delay is armed again. Pairs with the store in XEL_TimerDestroy, which comes
-// before that delay is armed.
-i32 ArmUnlessEnding(XelTimerNode* node, u32 timeoutMs)
+// before that delay is armed. Leaves errno alone.
+void LetEndWin(XelTimerNode* node)
 {
-    const i32 ret = TimerSetStartTime(node, timeoutMs);
     const int error = errno;
-    if (node->destroyPending.load(std::memory_order_seq_cst) == kTimerPending) {
+    if (TimerIsEnding(node)) {
         (void)TimerSetStartTime(node, kDestroyDelayMs);
     }
     errno = error;
+}
+
+// Arms the node's period. One that another thread stores meanwhile is armed too, for that thread
+// may have armed it already: whoever arms last has seen the period that stays.
+i32 ArmPeriod(XelTimerNode* node)
+{
+    u32 armed = 0;
+    i32 ret = 0;
+    do {
+        armed = node->timeout.load(std::memory_order_acquire);
+        ret = TimerSetStartTime(node, armed);
+    } while (ret == 0 && node->timeout.load(std::memory_order_acquire) != armed);
+    LetEndWin(node);
+    return ret;
+}
+
+i32 Disarm(XelTimerNode* node)
+{
+    const i32 ret = TimerSetStartTime(node, 0);
+    LetEndWin(node);
     return ret;
 }
 
 enum class Expiry { Run, Nothing, Failed };
 
-// Reads the expiration count.
-Expiry ReadExpirations(i32 fd, u64* count)
+Expiry ExpiryOf(i32 fd, const TimerExpiry& expiry)
 {
-    const ssize_t length = read(fd, count, sizeof(*count));
-    if (length == static_cast<ssize_t>(sizeof(*count))) {
+    if (expiry.length == static_cast<ssize_t>(sizeof(expiry.count))) {
         return Expiry::Run;
     }
-    const int error = errno;
-    if (error == EAGAIN || error == EINTR) {
+    if (expiry.error == EAGAIN || expiry.error == EINTR) {
         return Expiry::Nothing;
     }
-    XEL_LOG_FAIL(kTimerLog, "Timerfd %d read unsuccessfully. (errno = %d, readCnt = %d)", fd, error,
-                 static_cast<int>(length));
+    XEL_LOG_FAIL(kTimerLog, "Timerfd %d read unsuccessfully. (errno = %d, readCnt = %d)", fd,
+                 expiry.error, static_cast<int>(expiry.length));
     return Expiry::Failed;
 }
 
@@ -176,6 +192,7 @@ XelTimerNode* TimerSchTaskCreate(XelThreadCtrl* thread, const XelTimerAttr* attr
         {
             const TimerWriteGuard guard;
             node->fd = -1; // the caller's to close
+            node->magic.store(0, std::memory_order_release);
         }
         TimerDiscardNode(node);
         return nullptr;
@@ -213,7 +230,7 @@ uint32_t XEL_TimerStart(XelTimerNode* timer)
     if (!IsUsable(timer)) {
         return XEL_EINVAL;
     }
-    if (ArmUnlessEnding(timer, timer->timeout.load(std::memory_order_acquire)) != 0) {
+    if (ArmPeriod(timer) != 0) {
         XEL_LOG_FAIL(kTimerLog, "Timer start unsuccessfully. (fd = %d, errno = %d)", timer->fd,
                      errno);
         return XEL_FAIL;
@@ -227,7 +244,7 @@ uint32_t XEL_TimerStop(XelTimerNode* timer)
     if (!IsUsable(timer)) {
         return XEL_EINVAL;
     }
-    if (ArmUnlessEnding(timer, 0) != 0) {
+    if (Disarm(timer) != 0) {
         XEL_LOG_FAIL(kTimerLog, "Timer stop unsuccessfully. (fd = %d, errno = %d)", timer->fd,
                      errno);
         return XEL_FAIL;
@@ -246,8 +263,8 @@ uint32_t XEL_TimerResize(XelTimerNode* timer, uint32_t timeoutMs)
         XEL_LOG_FAIL(kTimerLog, "Timer not periodic mode, restart unsuccessfully.");
         return XEL_FAIL;
     }
-    timer->timeout.store(timeoutMs, std::memory_order_relaxed);
-    if (ArmUnlessEnding(timer, timeoutMs) != 0) {
+    timer->timeout.store(timeoutMs, std::memory_order_release);
+    if (ArmPeriod(timer) != 0) {
         XEL_LOG_FAIL(kTimerLog, "Timer resize unsuccessfully. (fd = %d, errno = %d)", timer->fd,
                      errno);
         return XEL_FAIL;
@@ -295,30 +312,30 @@ void XEL_TimerDestroy(XelTimerNode* timer)
 }
 
 // The task callback. The run keeps the node's memory until the teardown is over: by then another
-// thread may have taken the timer, and its address must not be a new timer's yet.
+// thread may have taken the timer, and its address must not be a new timer's yet. The mark is
+// looked at after the expiration count has been read, which may be that of the end's short delay.
 u32 TimerFdEventProc(struct epoll_event* events, u64 data)
 {
     auto* node = reinterpret_cast<XelTimerNode*>(data);
-    TimerRun run(node);
+    TimerRun run(node, events->events);
     if (run.Magic() != kTimerMagic) {
         XEL_LOG_FAIL(kTimerLog, "Timer proc unsuccessfully, magic:%#x.", run.Magic());
         return XEL_FAIL;
     }
-    if (node->destroyPending.load(std::memory_order_seq_cst) == kTimerPending) {
+    if (TimerIsEnding(node)) {
         InnerTimerDestroy(node);
         run.End();
         return XEL_OK;
     }
-    const TimerCall timer = run.Call();
     if ((events->events & EPOLLIN) == 0) {
         return XEL_OK;
     }
-    u64 expirations = 0;
-    const Expiry expiry = ReadExpirations(timer.fd, &expirations);
+    const TimerCall timer = run.Call();
+    const Expiry expiry = ExpiryOf(timer.fd, run.Expiry());
     if (expiry != Expiry::Run) {
         return expiry == Expiry::Nothing ? XEL_OK : XEL_FAIL;
     }
-    const u32 ret = RunTimed(node, timer, expirations);
+    const u32 ret = RunTimed(node, timer, run.Expiry().count);
     if (timer.mode == XEL_TIMER_MODE_ONE_SHOT) {
         InnerTimerDestroy(node);
         run.End();

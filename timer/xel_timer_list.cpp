@@ -4,6 +4,7 @@
 // or, when its scheduler thread is running it at that moment, by the end of that run.
 #include "timer/xel_timer_list.h"
 
+#include <cerrno>
 #include <unistd.h>
 
 #include "common/xel_address_index.h"
@@ -65,7 +66,10 @@ bool IsForeignInList(const XelTimerNode* node)
 
 } // namespace
 
-TimerRun::TimerRun(XelTimerNode* node) : node_(node), isLive_(false), magic_(0), call_()
+// The descriptor is read while the lock is held: the creation of a half-made timer may fail, and
+// its number become somebody else's.
+TimerRun::TimerRun(XelTimerNode* node, u32 mask)
+    : node_(node), isLive_(false), magic_(0), call_(), expiry_()
 {
     const TimerReadGuard guard;
     const bool isOwn = g_index.Contains(node);
@@ -82,8 +86,13 @@ TimerRun::TimerRun(XelTimerNode* node) : node_(node), isLive_(false), magic_(0),
         isLive_ = true;
     }
     magic_ = magic;
-    if (isMade) {
-        call_ = {node->fd, node->mode, node->callback, node->userData};
+    if (!isMade) {
+        return;
+    }
+    call_ = {node->fd, node->mode, node->callback, node->userData};
+    if ((mask & EPOLLIN) != 0 && !TimerIsEnding(node)) {
+        expiry_.length = read(call_.fd, &expiry_.count, sizeof(expiry_.count));
+        expiry_.error = errno;
     }
 }
 
@@ -223,8 +232,7 @@ bool TimerIsHandleLegal(const XelTimerNode* node)
 
 bool TimerHandleIsAvailable(const XelTimerNode* node)
 {
-    return TimerIsHandleLegal(node) &&
-           node->destroyPending.load(std::memory_order_seq_cst) != kTimerPending;
+    return TimerIsHandleLegal(node) && !TimerIsEnding(node);
 }
 
 // The destruction is synchronous, pending timers included; a timer whose task cannot be removed

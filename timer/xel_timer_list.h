@@ -21,6 +21,12 @@ public:
     ~TimerWriteGuard() { (void)pthread_rwlock_unlock(&g_xelTimerCtrl.timerLock); }
 };
 
+// Whether XEL_TimerDestroy has marked the timer.
+inline bool TimerIsEnding(const XelTimerNode* node)
+{
+    return node->destroyPending.load(std::memory_order_seq_cst) == kTimerPending;
+}
+
 // What a run needs of its timer: a copy, since the timer may be gone after its callback.
 struct TimerCall {
     i32 fd;
@@ -29,20 +35,29 @@ struct TimerCall {
     void* userData;
 };
 
+// What reading the expiration count gave.
+struct TimerExpiry {
+    ssize_t length;
+    int error;
+    u64 count;
+};
+
 // One run of a timer on its scheduler thread. A timer that somebody else ends meanwhile is released
 // by the end of the run.
 class TimerRun : NoCopy
 {
 public:
-    explicit TimerRun(XelTimerNode* node);
+    // Reads the expiration count as well when the mask has EPOLLIN and the timer is not ending.
+    TimerRun(XelTimerNode* node, u32 mask);
     ~TimerRun() { End(); }
 
     // The magic that was found; 0, and nothing of the timer may be read, when its memory was gone
     // before the run began, or has become a timer of another scheduler thread.
     u32 Magic() const { return magic_; }
-    // Taken under the lock, for a timer with the right magic: a late run of a freed timer may meet
-    // a new one at its address that is just being set up.
+    // Taken under one hold of the lock, for a timer with the right magic: a late run of a freed
+    // timer may meet a new one at its address that is just being set up.
     const TimerCall& Call() const { return call_; }
+    const TimerExpiry& Expiry() const { return expiry_; }
     void End();
 
 private:
@@ -50,6 +65,7 @@ private:
     bool isLive_;
     u32 magic_;
     TimerCall call_;
+    TimerExpiry expiry_;
 };
 
 // Type data that a timer without user data of its own works with.

@@ -285,6 +285,37 @@ TEST_F(TimerArm, ResizeStoresThePeriodBeforeItArms)
     EXPECT_EQ(timeout, 50000U);
 }
 
+// Two threads that arm at once: the period that stays is the one that is armed.
+TEST_F(TimerArm, PeriodThatComesInBetweenIsArmed)
+{
+    const std::function<u32(XelTimerNode*)> operations[] = {
+        [](XelTimerNode* node) { return XEL_TimerStart(node); },
+        [](XelTimerNode* node) { return XEL_TimerResize(node, kLongMs); },
+    };
+    for (const auto& operation : operations) {
+        const Timer timer(*worker_, probe_);
+        RunAtNth(Call::TimerfdSettime, 1,
+                 [&timer] { EXPECT_EQ(XEL_TimerResize(timer.Get(), 50000), 0U); });
+        EXPECT_EQ(operation(timer.Get()), 0U);
+        EXPECT_EQ(timer->timeout.load(), 50000U);
+        EXPECT_EQ(MsOf(SettingOf(timer->fd).it_interval), 50000U);
+    }
+    EXPECT_NO_LOG();
+}
+
+// An arming that fails is over.
+TEST_F(TimerArm, PeriodThatComesInBetweenIsNotTriedAfterAFailure)
+{
+    const Timer timer(*worker_, probe_);
+    xeltest::FailNth(Call::TimerfdSettime, 1, -1, EIO); // the second is the other thread's
+    RunAtNth(Call::TimerfdSettime, 1,
+             [&timer] { EXPECT_EQ(XEL_TimerResize(timer.Get(), 50000), 0U); });
+    const u64 armed = Calls(Call::TimerfdSettime);
+    EXPECT_EQ(XEL_TimerStart(timer.Get()), kFail);
+    EXPECT_EQ(Calls(Call::TimerfdSettime), armed + 2);
+    EXPECT_LOG(kTimerSource, Failed("start", timer->fd, EIO));
+}
+
 // The handle stays good until an operation is over, and operations do not wait for each other.
 TEST_F(TimerArm, OperationsHoldTheLockForReadingWhileTheyWork)
 {

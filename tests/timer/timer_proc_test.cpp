@@ -1,6 +1,7 @@
 // What the scheduler runs for a timer: the checks, the read, the callback, the report of a slow
 // one, and the teardown.
 #include <cerrno>
+#include <poll.h>
 
 #include "timer_support.h"
 
@@ -170,6 +171,27 @@ TEST_F(TimerProc, PendingEndTearsDown)
 }
 
 // The read tells what is ready; other bits are not looked at.
+// What a run reads may be the short delay of an end that was asked for after its first look.
+TEST_F(TimerProc, EndThatComesBeforeTheReadRunsNoCallback)
+{
+    for (const u32 mode : {XEL_TIMER_MODE_ONE_SHOT, XEL_TIMER_MODE_PERIODIC}) {
+        XelTimerNode* timer = Make(mode);
+        Expire(timer);
+        RunAtNth(Call::Read, 1, [timer] {
+            EXPECT_EQ(XEL_TimerStop(timer), 0U); // what was reported is gone
+            XEL_TimerDestroy(timer);
+            struct pollfd ready = {timer->fd, POLLIN, 0};
+            EXPECT_EQ(poll(&ready, 1, 10000), 1);
+        });
+        EXPECT_EQ(Proc(timer), 0U);
+        EXPECT_EQ(probe_.runs.load(), 0);
+        EXPECT_EQ(probe_.released.load(), 1);
+        EXPECT_EQ(LiveCount(), 0U);
+        probe_.released.store(0);
+    }
+    EXPECT_NO_LOG();
+}
+
 TEST_F(TimerProc, MaskWithoutReadinessDoesNothing)
 {
     XelTimerNode* timer = Make(XEL_TIMER_MODE_ONE_SHOT);

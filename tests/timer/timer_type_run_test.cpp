@@ -1,4 +1,7 @@
 // Destruction by type and by group beside callbacks that are running, and from callbacks.
+#include <cerrno>
+#include <poll.h>
+
 #include "timer_group_support.h"
 
 namespace
@@ -26,7 +29,36 @@ protected:
         worker_->Run([] {});
     }
 
+    // Lets a run of the timer that is just being made begin at the next registration, and holds it
+    // before it reads until the creation is over, unless that waits for it.
+    void BeginLateRun()
+    {
+        RunAtNth(Call::EpollCtl, 1, [this, fd = NextFd()] {
+            const u64 node = SchTaskGetHandleByAppFd(fd)->data;
+            RunAtNth(Call::Read, 1, [this] {
+                lateIsIn_.store(true);
+                (void)AwaitTrue([this] { return isMade_.load(); }, 100);
+            });
+            late_ = std::make_unique<Runner>([this, node] {
+                struct epoll_event event = {};
+                event.events = EPOLLIN;
+                lateResult_ = TimerFdEventProc(&event, node);
+            });
+            EXPECT_TRUE(AwaitTrue([this] { return lateIsIn_.load(); }));
+        });
+    }
+    void EndLateRun()
+    {
+        isMade_.store(true);
+        late_->Join();
+        EXPECT_EQ(lateResult_, 0U);
+    }
+
     Gate gate_;
+    std::unique_ptr<Runner> late_;
+    std::atomic<bool> lateIsIn_{false};
+    std::atomic<bool> isMade_{false};
+    u32 lateResult_ = kFail;
 };
 
 // A run of a freed timer that comes late may meet a new timer at the same address, which is just
@@ -47,6 +79,44 @@ TEST_F(TimerTypeRuns, LateRunMeetsATimerThatIsJustBeingMade)
     ASSERT_TRUE(late.joinable());
     late.join();
     EXPECT_EQ(own_.runs.load(), 0);
+    EXPECT_NO_LOG();
+}
+
+TEST_F(TimerTypeRuns, LateRunDoesNotReadTheNumberOfATimerThatIsNotMade)
+{
+    const TimerAttr attr(&own_);
+    const int fd = NextFd();
+    xeltest::FailNth(Call::EpollCtl, 1, -1, ENOSPC);
+    BeginLateRun();
+    EXPECT_EQ(XEL_TimerCreate(worker_->Get(), attr.Get()), nullptr);
+    int ends[2] = {-1, -1};
+    ASSERT_EQ(pipe(ends), 0);
+    EXPECT_EQ(ends[0], fd);
+    EXPECT_EQ(write(ends[1], "sixteen letters.", 16), 16);
+    EndLateRun();
+    EXPECT_EQ(own_.runs.load(), 0);
+    EXPECT_EQ(own_.released.load(), 0);
+    char text[17] = {};
+    EXPECT_EQ(read(ends[0], text, sizeof(text)), 16);
+    EXPECT_STREQ(text, "sixteen letters.");
+    EXPECT_EQ(close(ends[0]), 0);
+    EXPECT_EQ(close(ends[1]), 0);
+    xeltest::DropLog(); // the lines of the failed creation
+}
+
+TEST_F(TimerTypeRuns, LateRunUsesNothingOfATimerThatHasNotGotItsOwnerYet)
+{
+    const HeldWorker held(*worker_);
+    EXPECT_EQ(AddType(&typeData_, XEL_TIMER_MODE_PERIODIC, 1), 0U);
+    BeginLateRun();
+    XelTimerNode* timer = XEL_TimerCreateAndStart(kGroup, kType, &own_);
+    ASSERT_NE(timer, nullptr);
+    struct pollfd ready = {timer->fd, POLLIN, 0};
+    EXPECT_EQ(poll(&ready, 1, 10000), 1);
+    EndLateRun();
+    EXPECT_EQ(typeData_.runs.load(), 0);
+    EXPECT_EQ(own_.runs.load(), 0); // armed after the late run had read
+    XEL_TimerDestroyGroup(kGroup);
     EXPECT_NO_LOG();
 }
 
