@@ -135,13 +135,8 @@ bool ApplyPolicy(SchCtrl* sch, const SchBatch& batch, SchRunList* run)
     if (sch->policy == nullptr) {
         return true;
     }
-    if (IsBfs(sch)) {
-        if (run->count == 1) {
-            BfsPassEvent(sch->policy, sch->eventBuf[0], batch, run);
-            return true;
-        }
-        (void)SCH_BfsInsertEvents(sch->policy, sch->eventBuf, run->count);
-        run->count = SCH_BfsSelectEvents(sch->policy, &run->events);
+    if (batch.isChecked) {
+        BfsPassEvents(sch->policy, sch->eventBuf, batch, run);
         return true;
     }
     const u32 ret = sch->policyOps.insert(sch->policy, sch->eventBuf, run->count);

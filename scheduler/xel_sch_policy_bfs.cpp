@@ -209,6 +209,17 @@ void InsertEvent(SchBfsCtrl* ctrl, const struct epoll_event& event)
     QueueInserted(ctrl, event, task);
 }
 
+// Goes on with an event that was reported, according to its insertion.
+void QueueReported(SchBfsCtrl* ctrl, const struct epoll_event& event, const SchTaskInsertInfo& task,
+                   SchInserted inserted)
+{
+    if (inserted == SchInserted::Pending) {
+        QueueInserted(ctrl, event, task);
+    } else if (inserted == SchInserted::Refused) {
+        XEL_LOG_FAIL(kBfsLog, "Event insert, invalid task-ctrl.");
+    }
+}
+
 // Takes a node out of its list and copies its event out; the slot is kept for reuse when there is
 // room, else its units go back to the pools.
 void ReleaseNode(SchBfsCtrl* ctrl, XelDll* node, struct epoll_event* event, SchBfsTaskInfo* info)
@@ -543,35 +554,30 @@ uint32_t SCH_BfsSelectEvents(void* policy, struct epoll_event** out)
     }
 }
 
-// With nothing queued, the way through a list is as long as half of the cycle and leads back to the
-// same event.
-void BfsPassEvent(void* policy, const struct epoll_event& event, const SchBatch& batch,
-                  SchRunList* run)
+void BfsPassEvents(void* policy, const struct epoll_event* events, const SchBatch& batch,
+                   SchRunList* run)
 {
     SchBfsCtrl* ctrl = Instance(policy);
-    ctrl->lastCount = 1;
-    if (ctrl->listAnchor != 0) {
-        InsertEvent(ctrl, event);
-        run->count = SCH_BfsSelectEvents(policy, &run->events);
-        return;
-    }
+    ctrl->lastCount = run->count;
     SchTaskInsertInfo task = {};
-    const SchInserted inserted =
-        SchTaskInsertOrTake(ctrl, TaskOf(event), &event, batch, &task, &run->start);
-    switch (inserted) {
-    case SchInserted::Taken:
-    case SchInserted::Begun:
-        ServeAtOnce(ctrl, event, task);
-        run->events = ctrl->outEvents;
-        run->count = 1;
-        run->isBegun = inserted == SchInserted::Begun;
-        return;
-    case SchInserted::Pending:
-        QueueInserted(ctrl, event, task);
-        break;
-    case SchInserted::Refused:
-        XEL_LOG_FAIL(kBfsLog, "Event insert, invalid task-ctrl.");
-        break;
+    if (run->count == 1 && ctrl->listAnchor == 0) {
+        // With nothing queued, the way through a list is as long as half of the cycle and leads
+        // back to the same event.
+        const SchInserted inserted =
+            SchTaskInsertOrBegin(ctrl, TaskOf(*events), events, batch, &task, &run->start);
+        if (inserted == SchInserted::Begun) {
+            ServeAtOnce(ctrl, *events, task);
+            run->events = ctrl->outEvents;
+            run->isBegun = true;
+            return;
+        }
+        QueueReported(ctrl, *events, task, inserted);
+    } else {
+        for (u32 i = 0; i < run->count; ++i) {
+            const SchInserted inserted =
+                SchTaskInsert(ctrl, TaskOf(events[i]), &events[i], batch, &task);
+            QueueReported(ctrl, events[i], task, inserted);
+        }
     }
     run->count = SCH_BfsSelectEvents(policy, &run->events);
 }

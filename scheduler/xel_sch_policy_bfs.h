@@ -87,9 +87,9 @@ XEL_EXTERN_C_END
 
 // From now on registrations of queued tasks on this Linux epoll instance may be set aside.
 void BfsAllowAside(void* policy, i32 epFd);
-// Inserts the only event of a wait, and selects.
-void BfsPassEvent(void* policy, const struct epoll_event& event, const SchBatch& batch,
-                  SchRunList* run);
+// Inserts what a wait has reported, and selects.
+void BfsPassEvents(void* policy, const struct epoll_event* events, const SchBatch& batch,
+                   SchRunList* run);
 // False when a blocking wait would miss the readiness of a queued task whose registration is aside.
 bool BfsMayBlock(void* policy);
 

@@ -211,16 +211,22 @@ struct SchRunList {
 // What became of an event at its insertion.
 enum class SchInserted {
     Refused, // logged
+    Nobodys, // meant for the task that had this one's unit when the wait began
     Pending, // in the mask, as SchTaskGetInfoInsert does it
-    Taken,   // as it is: neither pending nor to be queued
-    Begun,   // taken, and SchTaskBeginRun is done
+    Begun,   // neither pending nor to be queued: SchTaskBeginRun is done
 };
 
-// Inserts an event that would be selected at once if it was queued: when nothing speaks against it,
-// it is taken under the same hold of the task's lock, and when its task existed before the wait,
-// its run begins.
-SchInserted SchTaskInsertOrTake(void* sch, SchTaskCtrl* task, const struct epoll_event* event,
-                                const SchBatch& batch, SchTaskInsertInfo* info, SchRunStart* start);
+// SchTaskGetInfoInsert for an event that a wait has just reported. Of a task that was created after
+// the wait nothing is inserted, of one that was created during it only what it is ready for.
+SchInserted SchTaskInsert(void* sch, SchTaskCtrl* task, const struct epoll_event* event,
+                          const SchBatch& batch, SchTaskInsertInfo* info);
+
+// The same for an event that would be selected at once if it was queued: when its task existed
+// before the wait and nothing else speaks against it, its run begins under the same hold of the
+// task's lock.
+SchInserted SchTaskInsertOrBegin(void* sch, SchTaskCtrl* task, const struct epoll_event* event,
+                                 const SchBatch& batch, SchTaskInsertInfo* info,
+                                 SchRunStart* start);
 
 // An event of the task is dropped unrun: clears the pending mask when the version is still the
 // same, so that the task can be queued again. Silent.

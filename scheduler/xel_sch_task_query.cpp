@@ -108,8 +108,8 @@ void CopyStart(const SchTaskCtrl* task, SchRunStart* start)
     CopyTrace(task, &start->record);
 }
 
-// The steps of an insertion. With a start the event may be taken instead of becoming pending; the
-// batch is looked at then only.
+// The steps of an insertion. Without a batch the event is taken for the task's own. With a start
+// the run may begin instead of becoming pending.
 SchInserted Insert(void* sch, SchTaskCtrl* task, const struct epoll_event* event,
                    SchTaskInsertInfo* info, const SchBatch* batch, SchRunStart* start)
 {
@@ -137,6 +137,18 @@ SchInserted Insert(void* sch, SchTaskCtrl* task, const struct epoll_event* event
                      task->name);
         return SchInserted::Refused;
     }
+    u32 events = event->events;
+    const bool isYoung = batch != nullptr && IsYounger(task, batch->oldest);
+    if (isYoung) {
+        if (IsYounger(task, batch->newest)) {
+            XEL_LOG_FAIL(kTaskLog, "Task get info unsuccessfully, input is not valid.");
+            return SchInserted::Refused;
+        }
+        events = TaskWatchOwn(task, events);
+        if (events == 0) {
+            return SchInserted::Nobodys;
+        }
+    }
     info->version = task->version;
     info->type = task->type;
     info->prio = task->prio;
@@ -148,13 +160,10 @@ SchInserted Insert(void* sch, SchTaskCtrl* task, const struct epoll_event* event
     } else {
         task->insertTime = task->lastInsertTime;
     }
-    TaskWatchReported(task, event->events);
-    if (start == nullptr || !CanBeTaken(task, pending)) {
-        task->events.store(pending | event->events, std::memory_order_relaxed);
+    TaskWatchReported(task, events);
+    if (start == nullptr || isYoung || !CanBeTaken(task, pending)) {
+        task->events.store(pending | events, std::memory_order_relaxed);
         return SchInserted::Pending;
-    }
-    if (IsYounger(task, batch->oldest)) {
-        return SchInserted::Taken;
     }
     CopyStart(task, start);
     return SchInserted::Begun;
@@ -169,8 +178,14 @@ u32 SchTaskGetInfoInsert(void* sch, SchTaskCtrl* task, const struct epoll_event*
     return inserted == SchInserted::Refused ? XEL_FAIL : XEL_OK;
 }
 
-SchInserted SchTaskInsertOrTake(void* sch, SchTaskCtrl* task, const struct epoll_event* event,
-                                const SchBatch& batch, SchTaskInsertInfo* info, SchRunStart* start)
+SchInserted SchTaskInsert(void* sch, SchTaskCtrl* task, const struct epoll_event* event,
+                          const SchBatch& batch, SchTaskInsertInfo* info)
+{
+    return Insert(sch, task, event, info, &batch, nullptr);
+}
+
+SchInserted SchTaskInsertOrBegin(void* sch, SchTaskCtrl* task, const struct epoll_event* event,
+                                 const SchBatch& batch, SchTaskInsertInfo* info, SchRunStart* start)
 {
     return Insert(sch, task, event, info, &batch, start);
 }

@@ -155,6 +155,15 @@ u32 TaskReadiness(i32 fd, u32 events)
     return static_cast<u32>(look.revents) & (wanted | kAlwaysReported);
 }
 
+u32 TaskWatchOwn(const SchTaskCtrl* task, u32 events)
+{
+    const u32 watch = WatchOf(task);
+    if ((watch & kWatchOn) == 0) {
+        return events;
+    }
+    return events & TaskReadiness(task->fd, events & watch & kWatchMask);
+}
+
 void TaskWatchBeginLocked(SchTaskCtrl* task, u32 events)
 {
     if ((events & ~kPlainEvents) == 0) {

@@ -42,6 +42,11 @@ struct TaskWatch {
 // What a descriptor is ready for now, of these events; an error or a hang-up in any case.
 u32 TaskReadiness(i32 fd, u32 events);
 
+// The part of reported events that is the task's own, and not that of another task which had its
+// unit before. Known for plain level-triggered registrations, whose readiness is reported again;
+// others keep what was reported. The caller holds a side of the task's lock.
+u32 TaskWatchOwn(const SchTaskCtrl* task, u32 events);
+
 // Before the descriptor is registered with these events, on the epoll instance of the scheduler
 // that the task is just bound to, and to no other. Other than plain level-triggered masks are left
 // alone. Locked: the caller holds the write side of the task's lock.

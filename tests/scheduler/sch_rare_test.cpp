@@ -230,14 +230,156 @@ TEST_F(SchRare, TaskThatCameAfterTheWaitIsNotRunInPlaceOfTheReportedOne)
     XEL_SchDispatch(sch.Get());
     Notes notes = HookRecorder::Take();
     EXPECT_EQ(std::count(notes.begin(), notes.end(), "run 3"), 0);
-    EXPECT_LINES(TaskLine("Task get info process unsuccessfully, task is invalid."),
-                 SchLine("Event process, invalid task-ctrl."));
+    EXPECT_LINES(TaskLine("Task get info unsuccessfully, input is not valid."),
+                 BfsLine("Event insert, invalid task-ctrl."));
     Signal(fresh.Get());
     XEL_SchDispatch(sch.Get());
     notes = HookRecorder::Take();
     EXPECT_EQ(std::count(notes.begin(), notes.end(), "run 3"), 1) << "for its own readiness";
     EXPECT_EQ(DelFd(sch.Get(), first.Get()), 0U);
     EXPECT_EQ(DelFd(sch.Get(), fresh.Get()), 0U);
+}
+
+// Nor in a later cycle: its unit is in the batch, but what was reported is not its own.
+TEST_F(SchRare, TaskThatCameAfterTheWaitIsNotQueuedInPlaceOfTheReportedOne)
+{
+    TestSch sch;
+    HookRecorder hooks;
+    const Fd first = Fd::Event(1);
+    const Fd doomed = Fd::Event(1);
+    const Fd fresh = Fd::Event();
+    ASSERT_EQ(AddFd(sch.Get(), first.Get(), {.proc = NoteProc, .data = 1, .prio = 5}), 0U);
+    ASSERT_EQ(AddFd(sch.Get(), doomed.Get(), {NoteProc, 2}), 0U);
+    const SchTaskCtrl* before = SchTaskGetHandleByAppFd(doomed.Get());
+    xeltest::RunAtNth(xeltest::Call::SystimeGetMicroSec, 1, [&] {
+        EXPECT_EQ(DelFd(sch.Get(), doomed.Get()), 0U);
+        EXPECT_EQ(AddFd(sch.Get(), fresh.Get(), {.proc = NoteProc, .data = 3, .prio = 9}), 0U);
+        EXPECT_EQ(SchTaskGetHandleByAppFd(fresh.Get()), before) << "taken first";
+    });
+    for (int i = 0; i < 3; ++i) {
+        XEL_SchDispatch(sch.Get());
+    }
+    const Notes notes = HookRecorder::Take();
+    EXPECT_EQ(std::count(notes.begin(), notes.end(), "run 1"), 3);
+    EXPECT_EQ(std::count(notes.begin(), notes.end(), "run 3"), 0);
+    EXPECT_LINES(TaskLine("Task get info unsuccessfully, input is not valid."),
+                 BfsLine("Event insert, invalid task-ctrl."));
+    EXPECT_EQ(DelFd(sch.Get(), first.Get()), 0U);
+    EXPECT_EQ(DelFd(sch.Get(), fresh.Get()), 0U);
+}
+
+// Two threads' work in one wait: when it has reported a task and before its result is looked at,
+// the task goes, and another one gets its unit. That one may also be what was reported.
+class SchDuringWait : public SchRare
+{
+protected:
+    void SetUp() override
+    {
+        SchRare::SetUp();
+        sch_.emplace();
+        other_.emplace(Fd::Event(1));
+        fresh_.emplace(Fd::Event());
+        int ends[2] = {-1, -1};
+        ASSERT_EQ(pipe(ends), 0);
+        doomed_.emplace(ends[0]);
+        EXPECT_EQ(write(ends[1], "x", 1), 1);
+        EXPECT_EQ(close(ends[1]), 0); // readable, and hung up
+        EXPECT_EQ(AddFd(sch_->Get(), doomed_->Get(), {NoteMask, 1}), 0U);
+        g_turnOver = [this](u32 events) {
+            const SchTaskCtrl* before = SchTaskGetHandleByAppFd(doomed_->Get());
+            EXPECT_EQ(DelFd(sch_->Get(), doomed_->Get()), 0U);
+            EXPECT_EQ(AddFd(sch_->Get(), fresh_->Get(), {NoteMask, 2}, events), 0U);
+            EXPECT_EQ(SchTaskGetHandleByAppFd(fresh_->Get()), before) << "taken first";
+        };
+        g_sch = sch_->Get();
+        g_masks.clear();
+    }
+    void TearDown() override
+    {
+        g_turnOver = nullptr;
+        sch_.reset();
+        other_.reset();
+        doomed_.reset();
+        fresh_.reset();
+        SchRare::TearDown();
+    }
+    // One cycle, in whose wait it happens.
+    void Cycle()
+    {
+        g_sch->epollOps.wait = WaitAndTurnOver;
+        XEL_SchDispatch(g_sch);
+    }
+    static u32 NoteMask(struct epoll_event* event, u64 data)
+    {
+        const u32 mask = event->events;
+        g_masks.emplace_back(data, mask);
+        return 0;
+    }
+    static int WaitAndTurnOver(int epFd, struct epoll_event* events, int max, int timeoutMs)
+    {
+        const int n = epoll_wait(epFd, events, max, timeoutMs);
+        g_sch->epollOps.wait = epoll_wait;
+        g_turnOver(EPOLLIN);
+        return n;
+    }
+
+    using Masks = std::vector<std::pair<u64, u32>>;
+    inline static SchCtrl* g_sch = nullptr;
+    inline static std::function<void(u32)> g_turnOver = nullptr;
+    inline static Masks g_masks;
+    std::optional<TestSch> sch_;
+    std::optional<Fd> other_;
+    std::optional<Fd> doomed_;
+    std::optional<Fd> fresh_;
+};
+
+TEST_F(SchDuringWait, TaskThatIsNotReadyIsNotRun)
+{
+    Cycle();
+    EXPECT_EQ(g_masks, Masks{});
+    Signal(fresh_->Get());
+    XEL_SchDispatch(g_sch);
+    EXPECT_EQ(g_masks, (Masks{{2, EPOLLIN}}));
+    EXPECT_EQ(schtest::TakeLines(), schtest::Lines{});
+    EXPECT_EQ(DelFd(g_sch, fresh_->Get()), 0U);
+}
+
+TEST_F(SchDuringWait, TaskOfABatchThatIsNotReadyIsNotRun)
+{
+    EXPECT_EQ(AddFd(g_sch, other_->Get(), {NoteMask, 3}), 0U);
+    Cycle();
+    XEL_SchDispatch(g_sch);
+    EXPECT_EQ(g_masks, (Masks{{3, EPOLLIN}, {3, EPOLLIN}}));
+    EXPECT_EQ(schtest::TakeLines(), schtest::Lines{});
+    EXPECT_EQ(DelFd(g_sch, fresh_->Get()), 0U);
+    EXPECT_EQ(DelFd(g_sch, other_->Get()), 0U);
+}
+
+TEST_F(SchDuringWait, TaskThatIsReadyRunsForWhatItIsReady)
+{
+    Signal(fresh_->Get());
+    Cycle();
+    EXPECT_EQ(g_masks, (Masks{{2, EPOLLIN}})) << "it has not hung up";
+    EXPECT_EQ(schtest::TakeLines(), schtest::Lines{});
+    EXPECT_EQ(DelFd(g_sch, fresh_->Get()), 0U);
+}
+
+TEST_F(SchDuringWait, TaskThatWasAddedAndReportedRunsAtOnce)
+{
+    EXPECT_EQ(DelFd(g_sch, doomed_->Get()), 0U);
+    Signal(fresh_->Get());
+    xeltest::RunAtNth(xeltest::Call::EpollWait, 1, [this] {
+        EXPECT_EQ(AddFd(g_sch, fresh_->Get(), {NoteMask, 2}), 0U);
+        EXPECT_EQ(AddFd(g_sch, doomed_->Get(), {NoteMask, 1}), 0U);
+    });
+    XEL_SchDispatch(g_sch);
+    XEL_SchDispatch(g_sch);
+    Masks masks = g_masks;
+    std::sort(masks.begin(), masks.end());
+    EXPECT_EQ(masks, (Masks{{1, EPOLLIN | EPOLLHUP}, {2, EPOLLIN}}));
+    EXPECT_EQ(schtest::TakeLines(), schtest::Lines{});
+    EXPECT_EQ(DelFd(g_sch, fresh_->Get()), 0U);
+    EXPECT_EQ(DelFd(g_sch, doomed_->Get()), 0U);
 }
 
 // A wait that reports a task which ends before the dispatcher looks at it: another thread destroys
