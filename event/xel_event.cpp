@@ -33,8 +33,9 @@ u64 NowMs()
 // Takes one notification. The list lock is held over copy and read: until it is released nobody
 // closes the descriptor, so no other object that got its number can be read by mistake. An event of
 // another scheduler thread has taken the memory of the one that this run is for.
-u32 TakeNotification(const XelEventNode* node, EventCopy* copy)
+u32 TakeNotification(XelEventNode* node, EventCopy* copy, bool* isCounted)
 {
+    *isCounted = false;
     (void)pthread_rwlock_rdlock(&g_xelEventList.lock);
     u32 ret = EventCopyListed(node, copy);
     if (ret == XEL_OK && !ThreadMayRunHere(copy->thread)) {
@@ -47,6 +48,7 @@ u32 TakeNotification(const XelEventNode* node, EventCopy* copy)
         eventfd_t value = 0;
         readResult = eventfd_read(copy->fd, &value);
         error = errno;
+        *isCounted = readResult == 0 && EventBeginRun(node);
     }
     (void)pthread_rwlock_unlock(&g_xelEventList.lock);
     if (readResult != 0) {
@@ -55,6 +57,27 @@ u32 TakeNotification(const XelEventNode* node, EventCopy* copy)
         ret = XEL_FAIL;
     }
     return ret;
+}
+
+// The end of an event but for its memory. False, logged, when there is no such event.
+bool EndEvent(XelEventNode* event)
+{
+    if (event == nullptr) {
+        XEL_LOG_FAIL(kEventLog, "Event destroy eventHandle NULL.");
+        return false;
+    }
+    if (EventListDelNode(event) != XEL_OK) {
+        XEL_LOG_FAIL(kEventLog, "Event destroy eventHandle is invalid.");
+        return false;
+    }
+    const u32 ret = XEL_ThreadCtrl(event->thread, XEL_THREAD_CTRL_DEL, event->fd, nullptr);
+    if (ret != XEL_OK) {
+        XEL_LOG_FAIL(kEventLog, "Event delete from epoll unsuccessfully. (ret = %#x)", ret);
+    }
+    if (event->fd >= 0) {
+        close(event->fd);
+    }
+    return true;
 }
 
 void ReportSlowProc(const EventCopy& event, u64 startMs, u64 elapsedMs)
@@ -176,8 +199,10 @@ u32 SchEventProc(struct epoll_event* events, u64 data)
     if ((events->events & EPOLLIN) == 0) {
         return XEL_FAIL;
     }
+    auto* node = reinterpret_cast<XelEventNode*>(data);
     EventCopy event;
-    if (TakeNotification(reinterpret_cast<const XelEventNode*>(data), &event) != XEL_OK) {
+    bool isCounted = false;
+    if (TakeNotification(node, &event, &isCounted) != XEL_OK) {
         return XEL_FAIL;
     }
     const u64 start = NowMs();
@@ -190,6 +215,9 @@ u32 SchEventProc(struct epoll_event* events, u64 data)
     const u64 elapsed = NowMs() - start;
     if (elapsed > kLongestProcMs) {
         ReportSlowProc(event, start, elapsed);
+    }
+    if (isCounted) {
+        EventEndRun(node);
     }
     return ret;
 }
@@ -204,22 +232,18 @@ u32 SchEventGetUserInfo(const XelEventNode* node, EventCopy* copy)
 
 void XEL_EventDestroy(XelEventNode* event)
 {
-    if (event == nullptr) {
-        XEL_LOG_FAIL(kEventLog, "Event destroy eventHandle NULL.");
-        return;
+    if (EndEvent(event)) {
+        EventDestroyEventNode(event);
     }
-    if (EventListDelNode(event) != XEL_OK) {
-        XEL_LOG_FAIL(kEventLog, "Event destroy eventHandle is invalid.");
-        return;
+}
+
+void EventDestroyThen(XelEventNode* event, EventRelease release, void* data)
+{
+    if (EndEvent(event)) {
+        EventReleaseNode(event, release, data);
+    } else {
+        release(data);
     }
-    const u32 ret = XEL_ThreadCtrl(event->thread, XEL_THREAD_CTRL_DEL, event->fd, nullptr);
-    if (ret != XEL_OK) {
-        XEL_LOG_FAIL(kEventLog, "Event delete from epoll unsuccessfully. (ret = %#x)", ret);
-    }
-    if (event->fd >= 0) {
-        close(event->fd);
-    }
-    EventDestroyEventNode(event);
 }
 
 XelEventNode* XelEventInnerCreate(XelThreadCtrl* thread, XelEventProc proc, const char* name,

@@ -20,7 +20,14 @@ constexpr u32 kIndexBits = 14;
 struct EventBlock {
     XelEventNode node;
     AddressLink indexLink;
+    bool isCounted;
+    bool isKept;           // its memory stays for good
+    std::atomic<u32> runs; // counted ones under way; with kGivenUp the last one releases
+    EventRelease release;
+    void* releaseData;
 };
+
+constexpr u32 kGivenUp = 1U << 31;
 
 constinit AddressIndex<kIndexBits> g_index = {};
 
@@ -43,6 +50,21 @@ const XelLink* LinkOf(const XelEventNode* node)
 {
     return reinterpret_cast<const XelLink*>(reinterpret_cast<uintptr_t>(node) +
                                             offsetof(XelEventNode, link));
+}
+
+bool IsOwn(const XelEventNode* node)
+{
+    return node->ownMark == OwnMarkOf(node);
+}
+
+void Release(EventBlock* block)
+{
+    const EventRelease release = block->release;
+    void* data = block->releaseData;
+    if (!block->isKept) {
+        XEL_FREE(kEventLog, block);
+    }
+    release(data);
 }
 
 void Unlist(XelEventNode* node)
@@ -73,6 +95,9 @@ XelEventNode* EventCreateEventNode(XelThreadCtrl* thread, i32 fd, const XelEvent
     node->name[0] = '\0';
     (void)strncpy_s(node->name, sizeof(node->name), attr->name, XEL_NAME_SIZE - 1);
     LinkInit(&node->link);
+    block->isCounted = false;
+    block->isKept = false;
+    block->runs.store(0, std::memory_order_relaxed);
     node->ownMark = OwnMarkOf(node);
     node->magic.store(kEventMagic, std::memory_order_release);
     return node;
@@ -89,6 +114,54 @@ void EventDestroyEventNode(XelEventNode* node)
     node->ownMark = 0;
     XEL_FREE(kEventLog, BlockOf(node));
     (void)pthread_rwlock_unlock(&g_xelEventList.lock);
+}
+
+void EventCountRuns(XelEventNode* node)
+{
+    if (IsOwn(node)) {
+        BlockOf(node)->isCounted = true;
+    }
+}
+
+bool EventBeginRun(XelEventNode* node)
+{
+    if (!IsOwn(node) || !BlockOf(node)->isCounted) {
+        return false;
+    }
+    BlockOf(node)->runs.fetch_add(1, std::memory_order_relaxed);
+    return true;
+}
+
+void EventEndRun(XelEventNode* node)
+{
+    EventBlock* block = BlockOf(node);
+    if (block->runs.fetch_sub(1, std::memory_order_acq_rel) == (kGivenUp | 1)) {
+        Release(block);
+    }
+}
+
+// The write hold waits for whoever found the event listed and is beginning a run.
+void EventReleaseNode(XelEventNode* node, EventRelease release, void* data)
+{
+    if (!IsOwn(node) || !BlockOf(node)->isCounted) {
+        EventDestroyEventNode(node);
+        release(data);
+        return;
+    }
+    EventBlock* block = BlockOf(node);
+    if (pthread_rwlock_wrlock(&g_xelEventList.lock) != 0) {
+        XEL_LOG_FAIL(kEventLog, "Event list lock unsuccessfully. (errno = %d)", errno);
+        block->isKept = true;
+    } else {
+        node->magic.store(0, std::memory_order_relaxed);
+        node->ownMark = 0;
+        (void)pthread_rwlock_unlock(&g_xelEventList.lock);
+    }
+    block->release = release;
+    block->releaseData = data;
+    if (block->runs.fetch_or(kGivenUp, std::memory_order_acq_rel) == 0) {
+        Release(block);
+    }
 }
 
 XelEventNode* EventCreateEventNodeAndAddList(XelThreadCtrl* thread, i32 fd,
@@ -122,7 +195,7 @@ u32 EventListAddNode(XelEventNode* node)
         return XEL_FAIL;
     }
     LinkAddFront(&g_xelEventList.head, &node->link);
-    if (node->ownMark == OwnMarkOf(node)) {
+    if (IsOwn(node)) {
         g_index.Add(&BlockOf(node)->indexLink, node);
     } else {
         g_foreign += 1;

@@ -10,6 +10,7 @@
 #include "common/xel_barrier.h"
 #include "common/xel_lock_guard.h"
 #include "common/xel_memory.h"
+#include "event/xel_event_list.h"
 #include "xel_queue.h"
 
 namespace
@@ -158,6 +159,21 @@ XelLightMq* XelLightMqCreate(XelThreadCtrl* thread, const XelLightMqConfig* conf
 void XelLightMqDestroy(XelLightMq* queue)
 {
     XEL_EventDestroy(queue->event);
+    LightMqFree(queue);
+}
+
+void LightMqCountRuns(XelLightMq* queue)
+{
+    EventCountRuns(queue->event);
+}
+
+void LightMqEndThen(XelLightMq* queue, void (*release)(void* data), void* data)
+{
+    EventDestroyThen(queue->event, release, data);
+}
+
+void LightMqFree(XelLightMq* queue)
+{
     XelFlexibleQueDestroy(queue->queue);
     (void)pthread_mutex_destroy(&queue->mutex);
     XEL_FREE(kLightMqLog, queue);

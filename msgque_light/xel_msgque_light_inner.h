@@ -19,4 +19,11 @@ struct XelLightMq {
 // As XelLightMqWrite; *isQueued tells whether the element is in the queue, whatever the result.
 u32 LightMqWriteNoting(XelLightMq* queue, const void* element, bool* isQueued);
 
+// XelLightMqDestroy in two steps, for an owner whose callback may be under way on another thread:
+// from now on its runs are counted; its wake-ups end, and release is called with data once none is
+// under way, before the return or on the queue's thread; release then frees the queue.
+void LightMqCountRuns(XelLightMq* queue);
+void LightMqEndThen(XelLightMq* queue, void (*release)(void* data), void* data);
+void LightMqFree(XelLightMq* queue);
+
 #endif // XEL_MSGQUE_LIGHT_INNER_H

@@ -30,17 +30,30 @@ XelServiceMq* ServiceMqCreate(const char* name, const XelServiceMqConfig* config
         XEL_FREE(kServiceMqLog, mq);
         return nullptr;
     }
+    LightMqCountRuns(mq->queue);
     return mq;
 }
 
+namespace
+{
+
+void Release(void* data)
+{
+    auto* mq = static_cast<XelServiceMq*>(data);
+    ServiceMqClear(mq);
+    LightMqFree(mq->queue);
+    XEL_FREE(kServiceMqLog, mq);
+}
+
+} // namespace
+
+// The wake-ups end first: none finds the queue emptied under its hands. One that has begun goes on
+// with the queue, and releases it at its end.
 void ServiceMqDestroy(XelServiceMq* mq)
 {
-    if (mq == nullptr) {
-        return;
+    if (mq != nullptr) {
+        LightMqEndThen(mq->queue, Release, mq);
     }
-    ServiceMqClear(mq);
-    XelLightMqDestroy(mq->queue);
-    XEL_FREE(kServiceMqLog, mq);
 }
 
 // A queue whose mutex fails counts as empty, which ends the loop. A failed read that took nothing

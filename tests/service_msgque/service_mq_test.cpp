@@ -244,6 +244,32 @@ TEST_F(ServiceMqTest, MessageWhoseWakeUpFailedIsDroppedWithItsService)
     EXPECT_EQ(service.count, 0U);
 }
 
+// A wake-up that has begun goes on when another thread destroys the service: it takes its message,
+// and what is left is dropped at its end.
+TEST_F(ServiceMqTest, WakeUpUnderWayOutlivesTheDestruction)
+{
+    Worker worker;
+    std::vector<std::string> bodies;
+    Service service("session", worker, 4, [&bodies](XelServiceMsg& message) {
+        bodies.emplace_back(static_cast<const char*>(message.data), message.len);
+    });
+    const u64 blocks = xeltest::Measure().blocks;
+    {
+        const HeldWorker held(worker);
+        EXPECT_EQ(Send("session", "one", 1), 0U);
+        EXPECT_EQ(Send("session", "two", 2), 0U);
+        // After the notification is taken, before the queue is looked at.
+        xeltest::RunAtNth(Call::SystimeGetMilliSec, 1, [&] {
+            Runner destroyer([] { XEL_ServiceMqDestroy("session"); });
+            destroyer.Join();
+        });
+    }
+    EXPECT_TRUE(AwaitTrue([&] { return xeltest::Measure().blocks < blocks; }));
+    worker.Run([] {});
+    EXPECT_EQ(bodies, std::vector<std::string>{"one"});
+    EXPECT_NO_LOG();
+}
+
 TEST_F(ServiceMqTest, DestroyedServiceDropsItsMessagesAndFreesTheName)
 {
     Worker worker;
