@@ -27,6 +27,8 @@ constexpr EpollOpPair kEpollOps[] = {
 constexpr int kRefusedOp = -1; // the kernel answers EINVAL
 
 // For calls and log lines; a null handle was refused before, and its line still prints a number.
+constexpr i32 kNoFd = -1;
+
 i32 EpFdOf(const SchCtrl* sch)
 {
     return sch == nullptr ? -1 : sch->epFd.load(std::memory_order_relaxed);
@@ -42,19 +44,20 @@ u32 Bind(SchCtrl* sch, SchTaskCtrl* task, u32 events)
     SchDbgTaskInfo record;
     ClearRecord(&record);
     record.epFd = SchGetEpollFdBySchHandle(sch);
+    record.fd = kNoFd; // stays while no hooks are registered
     if (SchTaskGetDbgInfoByTaskHandle(task, &record) != XEL_OK) {
         return XEL_EINVAL;
     }
     const u32 watchEvents = events != 0 && SchMaySetAside(sch) ? events : 0;
     const u32 ret = TaskBind(task, policy, TaskPlace{EpFdOf(sch), watchEvents});
-    if (ret == XEL_OK) {
+    if (ret == XEL_OK && record.fd != kNoFd) {
         SchDbgInsertTaskInfo(&record);
     }
     return ret;
 }
 
-// XEL_TaskDel but for the end of the registration; forgotten as TaskUnbind says.
-u32 Unbind(SchCtrl* sch, SchTaskCtrl* task, TaskWatch* forgotten)
+// XEL_TaskDel but for the end of the registration; deletion as TaskUnbind says.
+u32 Unbind(SchCtrl* sch, SchTaskCtrl* task, TaskDeletion* deletion)
 {
     void* policy = nullptr;
     if (SchGetPolicyHandleBySchHandle(sch, &policy) != XEL_OK) {
@@ -63,8 +66,10 @@ u32 Unbind(SchCtrl* sch, SchTaskCtrl* task, TaskWatch* forgotten)
     if (SchTaskGetFdBySchHandle(task) == XEL_FAIL) {
         return XEL_EINVAL;
     }
-    TaskUnbind(task, policy, forgotten);
-    SchDbgDelTask(sch, task);
+    TaskUnbind(task, policy, deletion);
+    if (deletion == nullptr || !deletion->isOther) {
+        SchDbgDelTask(sch, task);
+    }
     return XEL_OK;
 }
 
@@ -155,7 +160,8 @@ u32 SchModifyTask(SchCtrl* /*sch*/, u32 fd, SchEpollCtlReq* req)
         XEL_LOG_FAIL(kSchLog, "Sch operation mod unsuccessfully, fd handle is null.");
         return XEL_FAIL;
     }
-    if (SchFdModAttr(task, req->attr) != XEL_OK) {
+    const auto taskFd = static_cast<i32>(fd);
+    if (TaskModifyAttr(task, &taskFd, req->attr) != XEL_OK) {
         XEL_LOG_FAIL(kSchLog, "Sch fd modify unsuccessfully.");
         return XEL_FAIL;
     }
@@ -171,22 +177,26 @@ u32 SchDestroyTask(SchCtrl* sch, i32 fd)
         XEL_LOG_FAIL(kSchLog, "Sch delete fd unsuccessfully, invalid task handle.");
         return XEL_FAIL;
     }
-    TaskWatch watch = {0, -1};
-    const u32 ret = Unbind(sch, task, &watch);
+    TaskDeletion deletion = {fd, {0, -1}, false};
+    const u32 ret = Unbind(sch, task, &deletion);
     if (ret != XEL_OK) {
         XEL_LOG_FAIL(kSchLog, "Sch delete task unsuccessfully. (ret = %#x)", ret);
         return ret;
     }
+    if (deletion.isOther) {
+        XEL_LOG_FAIL(kSchLog, "Sch delete fd unsuccessfully, invalid task handle.");
+        return XEL_FAIL;
+    }
     if (sch->epollOps.ctl(EpFdOf(sch), XEL_SCH_EPOLL_DEL, fd, nullptr) == 0) {
-        XEL_TaskDestroy(task);
+        TaskDestroy(task, &fd);
         return XEL_OK;
     }
     const int error = errno;
     XEL_LOG_FAIL(kSchLog, "Sch epoll del fd unsuccessfully. (epFd = %d, fd = %d, errno = %d)",
                  EpFdOf(sch), fd, sch->epollOps.getErrNo());
-    TaskWatchUndoForget(task, fd, watch);
+    TaskWatchUndoForget(task, fd, deletion.watch);
     if (error != ENOENT) {
-        XEL_TaskDestroy(task);
+        TaskDestroy(task, &fd);
     }
     return XEL_FAIL;
 }

@@ -219,6 +219,11 @@ SchTaskCtrl* SchTaskCreate(i32 fd, const XelTaskAttr* attr)
 // nothing for an entry that is free already.
 void SchTaskDestroy(SchTaskCtrl* task)
 {
+    TaskDestroy(task, nullptr);
+}
+
+void TaskDestroy(SchTaskCtrl* task, const i32* fd)
+{
     const u32 magic = TaskMagicOf(task);
     if (magic != kTaskMagic) {
         XEL_LOG_FAIL(kTaskLog, "Task destroy unsuccessfully, magic is damaged, magic = %#x.",
@@ -231,16 +236,22 @@ void SchTaskDestroy(SchTaskCtrl* task)
                      ret);
         return;
     }
+    bool isOf = true;
     if (FtEntryIsValid(task, false)) {
         const ShortWriteGuard guard(task->lock);
-        if (IsDestroyable(task)) {
+        isOf = TaskIsOf(task, fd);
+        if (isOf && IsDestroyable(task)) {
             RetireTask(task);
         }
-        TaskIndexRemove(task);
+        if (isOf) {
+            TaskIndexRemove(task);
+        }
     } else {
         (void)IsDestroyable(task); // says why; the lock words of a foreign record are not touched
     }
-    (void)FtEntryFree(task);
+    if (isOf) {
+        (void)FtEntryFree(task);
+    }
     ret = pthread_rwlock_unlock(&g_xelTaskRunCtrl.rwlock);
     if (IsLockFailure(ret)) {
         XEL_LOG_FAIL(kTaskLog, "Task destroy, write unlock unsuccessfully, ret = %d.", ret);
@@ -329,6 +340,11 @@ void SchTaskCtrlSetData(SchTaskCtrl* task, const XelTaskAttr* attr)
 
 u32 SchFdModify(SchTaskCtrl* task, const XelTaskAttr* attr)
 {
+    return TaskModify(task, nullptr, attr);
+}
+
+u32 TaskModify(SchTaskCtrl* task, const i32* fd, const XelTaskAttr* attr)
+{
     u32 magic = TaskMagicOf(task);
     if (magic != kTaskMagic) {
         XEL_LOG_FAIL(kTaskLog, "Task modify unsuccessfully, task magic is damaged, magic = %#x.",
@@ -346,10 +362,10 @@ u32 SchFdModify(SchTaskCtrl* task, const XelTaskAttr* attr)
         XEL_LOG_FAIL(kTaskLog, "Task modify unsuccessfully, fd handle is not valid.");
         return XEL_FAIL;
     }
-    if (task->init == 0) {
+    if (task->init == 0 || !TaskIsOf(task, fd)) {
         XEL_LOG_FAIL(kTaskLog,
                      "Task modify unsuccessfully, fd handle had been destroyed already, init = %u.",
-                     static_cast<u32>(task->init));
+                     0U);
         return XEL_FAIL;
     }
     SchTaskCtrlSetData(task, attr);
@@ -357,6 +373,11 @@ u32 SchFdModify(SchTaskCtrl* task, const XelTaskAttr* attr)
 }
 
 u32 SchFdModAttr(SchTaskCtrl* task, const XelTaskAttr* attr)
+{
+    return TaskModifyAttr(task, nullptr, attr);
+}
+
+u32 TaskModifyAttr(SchTaskCtrl* task, const i32* fd, const XelTaskAttr* attr)
 {
     if (task == nullptr || attr == nullptr) {
         XEL_LOG_FAIL(kTaskLog, "Sch modify attribute unsuccessfully, param is null.");
@@ -366,7 +387,7 @@ u32 SchFdModAttr(SchTaskCtrl* task, const XelTaskAttr* attr)
         XEL_LOG_FAIL(kTaskLog, "Sch modify attribute unsuccessfully, param invalid.");
         return XEL_EARG;
     }
-    const u32 ret = SchFdModify(task, attr);
+    const u32 ret = TaskModify(task, fd, attr);
     if (ret != XEL_OK) {
         XEL_LOG_FAIL(kTaskLog, "Sch modify attribute unsuccessfully, ret = %d.", ret);
     }

@@ -59,7 +59,7 @@ void SchTaskRmScheduler(SchTaskCtrl* task, void* sch)
     TaskUnbind(task, sch, nullptr);
 }
 
-void TaskUnbind(SchTaskCtrl* task, void* sch, TaskWatch* forgotten)
+void TaskUnbind(SchTaskCtrl* task, void* sch, TaskDeletion* deletion)
 {
     if (!IsAlive(task)) {
         return;
@@ -68,8 +68,12 @@ void TaskUnbind(SchTaskCtrl* task, void* sch, TaskWatch* forgotten)
     if (!IsAlive(task)) {
         return;
     }
-    if (forgotten != nullptr) {
-        *forgotten = TaskWatchForgetLocked(task);
+    if (deletion != nullptr) {
+        deletion->isOther = !TaskIsOf(task, &deletion->fd);
+        if (deletion->isOther) {
+            return;
+        }
+        deletion->watch = TaskWatchForgetLocked(task);
     }
     XelSll* node = task->schList.next;
     while (node != &task->schList) {

@@ -18,9 +18,15 @@ struct TaskPlace {
 // SchTaskAddScheduler for a known scheduler, whose epoll descriptor is noted.
 u32 TaskBind(SchTaskCtrl* task, void* sch, const TaskPlace& place);
 
-// SchTaskRmScheduler. With forgotten, the registration is about to be deleted: the library forgets
-// it first.
-void TaskUnbind(SchTaskCtrl* task, void* sch, TaskWatch* forgotten);
+// A registration that is about to be deleted, of a task that was looked up by fd.
+struct TaskDeletion {
+    i32 fd;
+    TaskWatch watch; // as it was: the library forgets it first
+    bool isOther;    // the task has gone meanwhile, and its unit is another descriptor's
+};
+
+// SchTaskRmScheduler. deletion may be null.
+void TaskUnbind(SchTaskCtrl* task, void* sch, TaskDeletion* deletion);
 
 // The task, bound nowhere, is for the scheduler of epFd only.
 void TaskKeepTo(SchTaskCtrl* task, i32 epFd);

@@ -167,6 +167,19 @@ XEL_API i32 SchGetTraceDbgInfo(SchTaskCtrl* task, SchTaskTraceInfo* trace);
 
 XEL_EXTERN_C_END
 
+// A task that was looked up by its descriptor may have gone meanwhile, and its unit have become
+// another descriptor's: false then. True without fd, and for a unit that is nobody's. The caller
+// holds a side of the task's lock.
+inline bool TaskIsOf(const SchTaskCtrl* task, const i32* fd)
+{
+    return fd == nullptr || task->fd < 0 || task->fd == *fd;
+}
+
+// SchFdModify, SchFdModAttr and SchTaskDestroy for a task that was looked up by fd, or with null.
+u32 TaskModify(SchTaskCtrl* task, const i32* fd, const XelTaskAttr* attr);
+u32 TaskModifyAttr(SchTaskCtrl* task, const i32* fd, const XelTaskAttr* attr);
+void TaskDestroy(SchTaskCtrl* task, const i32* fd);
+
 // SchTaskGetEvent for a policy that is crowded: a registration that was set aside comes back for
 // one report only. *isOwed is set when it could not be put back and has to be tried again.
 u32 SchTaskTakeEvent(SchTaskCtrl* task, u32 version, struct epoll_event* event, bool isCrowded,

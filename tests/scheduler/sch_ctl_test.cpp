@@ -241,6 +241,73 @@ TEST_F(SchCtl, ModifyLooksAtTheTaskOnly)
     EXPECT_LINES();
 }
 
+// Another thread deletes the descriptor once its task has been looked up, and the task of another
+// one gets the unit: that one is not touched.
+class SchCtlTurnover : public SchCtl
+{
+protected:
+    void SetUp() override
+    {
+        SchCtl::SetUp();
+        ASSERT_EQ(AddFd(sch_.Get(), gone_.Get(), {NopProc, 1}), 0U);
+        xeltest::RunAfterNth(xeltest::Call::PthreadRwlockUnlock, 1, [this] {
+            const SchTaskCtrl* before = SchTaskGetHandleByAppFd(gone_.Get());
+            EXPECT_EQ(DelFd(sch_.Get(), gone_.Get()), 0U);
+            EXPECT_EQ(AddFd(sch_.Get(), other_.Get(), {NopProc, 2}), 0U);
+            EXPECT_EQ(SchTaskGetHandleByAppFd(other_.Get()), before) << "taken first";
+        });
+    }
+    // The other one is bound and registered as it was made.
+    void ExpectOtherUntouched()
+    {
+        const SchTaskCtrl* task = SchTaskGetHandleByAppFd(other_.Get());
+        ASSERT_NE(task, nullptr);
+        EXPECT_EQ(task->data, 2U);
+        EXPECT_EQ(task->schCount, 1U);
+        EXPECT_EQ(Reported(sch_), Text("0x1 %p", static_cast<const void*>(task)));
+        EXPECT_EQ(DelFd(sch_.Get(), other_.Get()), 0U);
+    }
+
+    TestSch sch_;
+    Fd gone_ = Fd::Event(1);
+    Fd other_ = Fd::Event(1);
+};
+
+TEST_F(SchCtlTurnover, ModifyLeavesTheOtherAlone)
+{
+    EXPECT_EQ(ModFd(sch_.Get(), gone_.Get(), {NopProc, 3}), 0xFFFFFFFFU);
+    EXPECT_LINES(TaskLine("Task modify unsuccessfully, fd handle had been destroyed already, "
+                          "init = 0."),
+                 TaskLine("Sch modify attribute unsuccessfully, ret = -1."),
+                 SchLine("Sch fd modify unsuccessfully."), OperationFailed(gone_.Get(), 1));
+    ExpectOtherUntouched();
+}
+
+TEST_F(SchCtlTurnover, DeleteLeavesTheOtherAlone)
+{
+    EXPECT_EQ(DelFd(sch_.Get(), gone_.Get()), 0xFFFFFFFFU);
+    EXPECT_LINES(SchLine("Sch delete fd unsuccessfully, invalid task handle."),
+                 OperationFailed(gone_.Get(), 2));
+    ExpectOtherUntouched();
+}
+
+// The descriptor was closed meanwhile, so its registration is no longer known.
+TEST_F(SchCtlTurnover, FailedDeleteDoesNotDestroyTheOther)
+{
+    xeltest::ResetFaults();
+    xeltest::FailNth(xeltest::Call::EpollCtl, 1, -1, EBADF);
+    xeltest::RunAtNth(xeltest::Call::EpollCtl, 1, [this] {
+        XEL_TaskDestroy(SchTaskGetHandleByAppFd(gone_.Get()));
+        EXPECT_EQ(AddFd(sch_.Get(), other_.Get(), {NopProc, 2}), 0U);
+    });
+    EXPECT_EQ(DelFd(sch_.Get(), gone_.Get()), 0xFFFFFFFFU);
+    EXPECT_LINES(SchLine(Text("Sch epoll del fd unsuccessfully. (epFd = %d, fd = %d, errno = %d)",
+                              sch_.EpFd(), gone_.Get(), EBADF)),
+                 OperationFailed(gone_.Get(), 2));
+    EXPECT_EQ(epoll_ctl(sch_.EpFd(), EPOLL_CTL_DEL, gone_.Get(), nullptr), 0);
+    ExpectOtherUntouched();
+}
+
 TEST_F(SchCtl, ModifyOfADescriptorWithoutTaskFails)
 {
     TestSch sch;

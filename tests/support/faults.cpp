@@ -20,6 +20,7 @@ namespace
 struct Control {
     std::mutex mutex;
     std::map<Call, std::function<void()>> hooks;
+    std::map<Call, std::function<void()>> afterHooks;
     std::function<void(u32)> sleepHook;
     std::vector<u32> sleeps;
     std::vector<u32> usleeps;
@@ -80,6 +81,15 @@ void RunAtNth(Call call, u64 nth, std::function<void()> hook)
     slot.hookAt.store(slot.calls.load() + nth);
 }
 
+void RunAfterNth(Call call, u64 nth, std::function<void()> hook)
+{
+    Control& control = TheControl();
+    const std::lock_guard<std::mutex> guard(control.mutex);
+    control.afterHooks[call] = std::move(hook);
+    CallSlot& slot = SlotOf(call);
+    slot.afterAt.store(slot.calls.load() + nth);
+}
+
 u64 Calls(Call call)
 {
     return SlotOf(call).calls.load();
@@ -119,6 +129,7 @@ void ResetFaults()
 {
     for (CallSlot& slot : g_callSlots) {
         slot.hookAt.store(0);
+        slot.afterAt.store(0);
         slot.always.at.store(0);
         for (FaultPlan& plan : slot.plans) {
             plan.at.store(0);
@@ -130,6 +141,7 @@ void ResetFaults()
     Control& control = TheControl();
     const std::lock_guard<std::mutex> guard(control.mutex);
     control.hooks.clear();
+    control.afterHooks.clear();
 }
 
 AnyCaller::AnyCaller() : outer_(std::exchange(AnyCallerFlag(), true)) {}
@@ -140,13 +152,13 @@ AnyCaller::~AnyCaller()
 }
 
 // The hook runs without the mutex: it may plan faults itself.
-void RunCallHook(Call call)
+void RunCallHook(Call call, bool isAfter)
 {
     std::function<void()> hook;
     {
         Control& control = TheControl();
         const std::lock_guard<std::mutex> guard(control.mutex);
-        hook = std::exchange(control.hooks[call], nullptr);
+        hook = std::exchange((isAfter ? control.afterHooks : control.hooks)[call], nullptr);
     }
     if (hook) {
         hook();

@@ -85,6 +85,8 @@ void FailNth(Call call, u64 nth, i64 result = kUsualFailure, int errnoValue = 0)
 void FailAll(Call call, i64 result = kUsualFailure, int errnoValue = 0);
 // Runs hook inside the nth call from now, before it is passed on or fails.
 void RunAtNth(Call call, u64 nth, std::function<void()> hook);
+// The same once the nth call has been passed on and has returned.
+void RunAfterNth(Call call, u64 nth, std::function<void()> hook);
 // Library calls since the last reset.
 u64 Calls(Call call);
 // Faults answered since the last reset.

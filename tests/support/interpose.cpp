@@ -19,6 +19,7 @@
 #include <sys/timerfd.h>
 #include <type_traits>
 #include <unistd.h>
+#include <utility>
 
 #include "xel_clock.h"
 #include "xel_deadloop.h"
@@ -35,6 +36,7 @@ namespace
 {
 
 constinit thread_local bool t_anyCaller __attribute__((tls_model("initial-exec"))) = false;
+constinit thread_local bool t_endsWithHook __attribute__((tls_model("initial-exec"))) = false;
 constinit thread_local ThreadCalls t_calls __attribute__((tls_model("initial-exec"))) = {};
 
 // Address ranges of the library's code and of the whole test program; empty until the loader has
@@ -164,9 +166,20 @@ const FaultPlan* Enter(Call call, const void* caller)
     const u64 n = slot.calls.fetch_add(1) + 1;
     t_calls.calls[static_cast<u32>(call)] += 1;
     if (slot.hookAt.load() == n) {
-        RunCallHook(call);
+        RunCallHook(call, false);
     }
+    t_endsWithHook = slot.afterAt.load() == n;
     return PlanOf(slot, n);
+}
+
+// Runs the hook that the call ends with. A result in errno stays.
+void Leave(Call call)
+{
+    if (std::exchange(t_endsWithHook, false)) {
+        const int error = errno;
+        RunCallHook(call, true);
+        errno = error;
+    }
 }
 
 const void* FirstAddress()
@@ -266,7 +279,9 @@ const ThreadCalls& CallsOfThread()
         const xeltest::FaultPlan* plan =                                                           \
             xeltest::Enter(xeltest::Call::Name, __builtin_return_address(0));                      \
         if (plan == nullptr) {                                                                     \
-            return Real##Name() args;                                                              \
+            Result result = Real##Name() args;                                                     \
+            xeltest::Leave(xeltest::Call::Name);                                                   \
+            return result;                                                                         \
         }                                                                                          \
         if (xeltest::NoteHit(xeltest::Call::Name, *plan, usualFailure,                             \
                              xeltest::FirstAddress args)) {                                        \

@@ -24,6 +24,7 @@ struct FaultPlan {
 struct CallSlot {
     std::atomic<u64> calls;
     std::atomic<u64> hookAt;
+    std::atomic<u64> afterAt;
     FaultPlan plans[kPlansPerCall];
     FaultPlan always; // from this number on
 };
@@ -61,7 +62,7 @@ inline constinit std::atomic<bool> g_sleepIsReal{false};
 bool& AnyCallerFlag();
 
 // The slow paths, run by a call that was told to.
-void RunCallHook(Call call);
+void RunCallHook(Call call, bool isAfter);
 void NoteSleep(u32 seconds);
 void NoteUsleep(u32 us);
 void NotePool(const PoolRequest& request);
