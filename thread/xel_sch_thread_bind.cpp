@@ -169,6 +169,8 @@ uint32_t THREAD_GetSchTid(XelThreadCtrl* thread, uint64_t* tid)
     return XEL_OK;
 }
 
+// A thread that has ended stays listed until it is freed, and its id may be another thread's by
+// then.
 XelThreadCtrl* XEL_ThreadGetCtxHandle(void)
 {
     const u64 self = pthread_self();
@@ -176,8 +178,10 @@ XelThreadCtrl* XEL_ThreadGetCtxHandle(void)
     (void)pthread_rwlock_rdlock(&g_xelThreadCtrlMng.lock);
     for (XelLink* link = g_xelThreadCtrlMng.head.next; link != &g_xelThreadCtrlMng.head;
          link = link->next) {
-        if (ThreadOf(link)->tid.load(std::memory_order_relaxed) == self) {
-            found = ThreadOf(link);
+        XelThreadCtrl* thread = ThreadOf(link);
+        if (thread->tid.load(std::memory_order_relaxed) == self &&
+            thread->exited.load(std::memory_order_acquire) == 0) {
+            found = thread;
             break;
         }
     }

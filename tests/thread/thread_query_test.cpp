@@ -77,6 +77,18 @@ TEST_F(ThreadQuery, ContextHandleIsTheCallersOwn)
     Runner([] { EXPECT_EQ(XEL_ThreadGetCtxHandle(), nullptr); }).Join();
 }
 
+// A thread id is free again before the record of its last owner is.
+TEST_F(ThreadQuery, ContextHandleIsNotThatOfAThreadThatHasEnded)
+{
+    XelThreadCtrl record = {};
+    record.tid.store(pthread_self());
+    ThreadAddCtrlNode(&record);
+    EXPECT_EQ(XEL_ThreadGetCtxHandle(), &record);
+    record.exited.store(1);
+    EXPECT_EQ(XEL_ThreadGetCtxHandle(), nullptr);
+    ThreadRmCtrlNode(&record);
+}
+
 // The thread runs before its creator has listed it.
 TEST_F(ThreadQuery, ContextHandleIsFoundOnceTheThreadIsListed)
 {
