@@ -109,11 +109,14 @@ static u64 NextReportNs(const DeadloopRow& row)
     return row.reported < XEL_DEADLOOP_DEAD ? TicksToNs(ticks[row.reported]) : UINT64_MAX;
 }
 
+// Several may be due at one look. A report takes as long as its function: the thread may have gone
+// on, or the registration have ended, by then.
 static void DeliverDue(DeadloopRow& row, const DeadloopSlot& slot, u32 handle)
 {
     while (row.insideNs >= NextReportNs(row)) {
         row.reported++;
-        if (!Deliver(slot, MakeReport(row, handle, row.reported))) {
+        if (!Deliver(slot, MakeReport(row, handle, row.reported)) ||
+            slot.sequence.load(std::memory_order_relaxed) != row.seenSequence) {
             return;
         }
     }

@@ -89,7 +89,8 @@ XEL_API XelThreadCtrl* XEL_ThreadCreate(const XelThreadAttr* attr);
 
 /*
  * Stops a scheduler thread and frees it. Events, timers and other descriptors bound to it are not
- * released: their owners destroy them first.
+ * released: their owners destroy them first, and a timer is gone only once its thread has ended it
+ * (see XEL_TimerDestroy).
  * Threads: any but the thread itself. Blocks: until the running callback has ended, at least 10 ms;
  * for ever on a thread that failed before its first cycle (stack size, dead-loop monitor).
  * Returns: 0; 0xFFFFFFFF for an invalid handle, or when the stop cannot be signalled: then the

@@ -62,6 +62,21 @@ TEST(DeadloopReport, ReportsNeverComeBeforeTheirThreshold)
     }
 }
 
+TEST(DeadloopReport, ThreadThatWentOnDuringAReportGetsNoFurtherOne)
+{
+    ReportRecorder recorder;
+    Registration registration({1, 3, 3, 3});
+    recorder.Hold();
+    ASSERT_EQ(registration.Begin(), 0U);
+    ASSERT_TRUE(recorder.AwaitInside());
+    ASSERT_EQ(registration.End(), 0U);
+    recorder.Release();
+    ASSERT_TRUE(recorder.Await(2));
+    auto entries = recorder.Entries();
+    EXPECT_EQ(entries[0].report.kind, XEL_DEADLOOP_FIRST);
+    EXPECT_EQ(entries[1].report.kind, XEL_DEADLOOP_ENDED);
+}
+
 TEST(DeadloopReport, EqualThresholdsAreReportedTogether)
 {
     ReportRecorder recorder;
