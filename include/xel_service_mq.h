@@ -47,8 +47,8 @@ XEL_API uint32_t XEL_ServiceMqCreate(const char* name, const XelServiceMqConfig*
 
 /*
  * Destroys a service's queue; messages inside are dropped, unknown names are ignored. Nobody may be
- * sending any more. Does not wait for a wake-up that is in progress on the service's thread: that one
- * goes on, with its message, and drops the rest at its end; userData has to live until then.
+ * sending any more. Does not wait for a wake-up that is in progress on the service's thread: that
+ * one goes on, with its message, and drops the rest at its end; userData has to live until then.
  */
 XEL_API void XEL_ServiceMqDestroy(const char* name);
 

@@ -104,10 +104,10 @@ XEL_API uint32_t TimerGetTimerRemainTime(XelTimerNode* timer, uint32_t* remainMs
 
 /*
  * Ends a timer: it is freed after about 1 ms on its own scheduler thread, its destructor running
- * there. From now on the handle is refused, and no expiry is taken any more; a callback whose expiry
- * was taken before still runs. The thread has to live until then: the timers of a thread that is
- * to be destroyed next are waited for in their destructors, or ended by type or group, which is done
- * when the call returns. Threads: any.
+ * there. From now on the handle is refused, and no expiry is taken any more; a callback whose
+ * expiry was taken before still runs. The thread has to live until then: the timers of a thread
+ * that is to be destroyed next are waited for in their destructors, or ended by type or group,
+ * which is done when the call returns. Threads: any.
  */
 XEL_API void XEL_TimerDestroy(XelTimerNode* timer);
 

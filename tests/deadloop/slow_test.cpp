@@ -17,6 +17,7 @@ TEST(DeadloopDefaultSlow, UnitOfThreeAndAHalfSecondsHasAllThreeReports)
     uint64_t beginMs = NowMs();
     ASSERT_EQ(registration.Begin(), 0U);
     std::this_thread::sleep_for(std::chrono::milliseconds(3500));
+    ASSERT_TRUE(recorder.Await(3));
     ASSERT_EQ(registration.End(), 0U);
     ASSERT_TRUE(recorder.Await(4));
     ASSERT_EQ(registration.Unreg(), 0U);
@@ -49,7 +50,7 @@ TEST(DeadloopDefaultSlow, UnitAfterALongSleepHasAllThreeReportsAsWell)
     std::this_thread::sleep_for(std::chrono::milliseconds(2350));
     uint64_t beginMs = NowMs();
     ASSERT_EQ(registration.Begin(), 0U);
-    std::this_thread::sleep_for(std::chrono::milliseconds(3500));
+    ASSERT_TRUE(recorder.Await(3));
     ASSERT_EQ(registration.End(), 0U);
     ASSERT_TRUE(recorder.Await(4));
     auto entries = recorder.Entries();

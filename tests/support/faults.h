@@ -137,7 +137,8 @@ struct PoolRequest {
 std::vector<PoolRequest> TakePoolRequests();
 
 // The clock of the services: a fixed time (milliseconds follow from microseconds), a sequence that
-// answers one value per call and then stays at its last one, or the real one.
+// answers one value per call and then stays at its last one, or the real one, which leaves out what
+// is more than 100 ms from one look to the next.
 void SetMicroSec(u64 us);
 void AdvanceMicroSec(u64 us);
 void ScriptMicroSec(const std::vector<u64>& us);

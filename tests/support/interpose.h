@@ -54,6 +54,13 @@ struct ClockScript {
     std::atomic<u32> next;
     std::atomic<u64> values[kScriptLength];
 };
+// What keeps stalls out of a real clock.
+struct StallFreeClock {
+    std::atomic<u64> last;
+    std::atomic<u64> leftOut;
+};
+inline constinit StallFreeClock g_microClock = {};
+inline constinit StallFreeClock g_milliClock = {};
 inline constinit ClockScript g_microScript = {};
 inline constinit ClockScript g_milliScript = {};
 
