@@ -26,9 +26,9 @@ constexpr EpollOpPair kEpollOps[] = {
 
 constexpr int kRefusedOp = -1; // the kernel answers EINVAL
 
-// For calls and log lines; a null handle was refused before, and its line still prints a number.
 constexpr i32 kNoFd = -1;
 
+// For calls and log lines; a null handle was refused before, and its line still prints a number.
 i32 EpFdOf(const SchCtrl* sch)
 {
     return sch == nullptr ? -1 : sch->epFd.load(std::memory_order_relaxed);

@@ -209,63 +209,84 @@ TEST_F(SchRare, TaskInATurnedOverUnitRunsWithItsOwnBatch)
     EXPECT_EQ(DelFd(sch.Get(), fresh.Get()), 0U);
 }
 
-// The policy takes what was reported in turn; meanwhile the task of a later event ends, and one of
-// another descriptor, which is not ready, takes its unit on the same scheduler.
-TEST_F(SchRare, TaskThatCameAfterTheWaitIsNotRunInPlaceOfTheReportedOne)
+// A wait reports two tasks. When the first one is inserted, the other one has gone, and its unit is
+// a task's that is not ready.
+class SchAfterWait : public SchRare
 {
-    TestSch sch;
-    HookRecorder hooks;
-    const Fd first = Fd::Event(1);
-    const Fd doomed = Fd::Event(1);
-    const Fd fresh = Fd::Event();
-    ASSERT_EQ(AddFd(sch.Get(), first.Get(), {.proc = NoteProc, .data = 1, .prio = 5}), 0U);
-    ASSERT_EQ(AddFd(sch.Get(), doomed.Get(), {NoteProc, 2}), 0U);
-    const SchTaskCtrl* before = SchTaskGetHandleByAppFd(doomed.Get());
-    (void)HookRecorder::Take();
-    xeltest::RunAtNth(xeltest::Call::SystimeGetMicroSec, 1, [&] {
-        EXPECT_EQ(DelFd(sch.Get(), doomed.Get()), 0U);
-        EXPECT_EQ(AddFd(sch.Get(), fresh.Get(), {.proc = NoteProc, .data = 3, .prio = 0}), 0U);
-        EXPECT_EQ(SchTaskGetHandleByAppFd(fresh.Get()), before) << "taken first";
-    });
-    XEL_SchDispatch(sch.Get());
-    Notes notes = HookRecorder::Take();
-    EXPECT_EQ(std::count(notes.begin(), notes.end(), "run 3"), 0);
-    EXPECT_LINES(TaskLine("Task get info unsuccessfully, input is not valid."),
-                 BfsLine("Event insert, invalid task-ctrl."));
-    Signal(fresh.Get());
-    XEL_SchDispatch(sch.Get());
-    notes = HookRecorder::Take();
-    EXPECT_EQ(std::count(notes.begin(), notes.end(), "run 3"), 1) << "for its own readiness";
-    EXPECT_EQ(DelFd(sch.Get(), first.Get()), 0U);
-    EXPECT_EQ(DelFd(sch.Get(), fresh.Get()), 0U);
+protected:
+    void SetUp() override
+    {
+        SchRare::SetUp();
+        sch_.emplace();
+        ASSERT_EQ(AddFd(sch_->Get(), first_.Get(), {.proc = NoteProc, .data = 1, .prio = 5}), 0U);
+        ASSERT_EQ(AddFd(sch_->Get(), doomed_.Get(), {NoteProc, 2}), 0U);
+    }
+    void TearDown() override
+    {
+        EXPECT_EQ(DelFd(sch_->Get(), first_.Get()), 0U);
+        EXPECT_EQ(DelFd(sch_->Get(), fresh_.Get()), 0U);
+        sch_.reset();
+        SchRare::TearDown();
+    }
+    // What runs in the cycle of that wait and some more; the new task comes with this priority.
+    Notes RunsWith(u32 prio, int cycles)
+    {
+        const HookRecorder hooks;
+        (void)HookRecorder::Take();
+        const SchTaskCtrl* before = SchTaskGetHandleByAppFd(doomed_.Get());
+        xeltest::RunAtNth(xeltest::Call::SystimeGetMicroSec, 1, [&] {
+            EXPECT_EQ(DelFd(sch_->Get(), doomed_.Get()), 0U);
+            EXPECT_EQ(AddFd(sch_->Get(), fresh_.Get(), {.proc = NoteProc, .data = 3, .prio = prio}),
+                      0U);
+            EXPECT_EQ(SchTaskGetHandleByAppFd(fresh_.Get()), before) << "taken first";
+        });
+        for (int i = 0; i < cycles; ++i) {
+            XEL_SchDispatch(sch_->Get());
+        }
+        EXPECT_LINES(TaskLine("Task get info unsuccessfully, input is not valid."),
+                     BfsLine("Event insert, invalid task-ctrl."));
+        return OnlyRuns();
+    }
+    static Notes OnlyRuns()
+    {
+        Notes runs = HookRecorder::Take();
+        std::erase_if(runs, [](const std::string& note) { return !note.starts_with("run"); });
+        return runs;
+    }
+
+    std::optional<TestSch> sch_;
+    Fd first_ = Fd::Event(1);
+    Fd doomed_ = Fd::Event(1);
+    Fd fresh_ = Fd::Event();
+};
+
+TEST_F(SchAfterWait, NewTaskIsNotRunInPlaceOfTheReportedOne)
+{
+    EXPECT_EQ(RunsWith(0, 1), Notes{"run 1"});
+    Signal(fresh_.Get());
+    const HookRecorder hooks;
+    XEL_SchDispatch(sch_->Get());
+    EXPECT_EQ(OnlyRuns(), Notes{"run 3"}) << "for its own readiness";
 }
 
-// Nor in a later cycle: its unit is in the batch, but what was reported is not its own.
-TEST_F(SchRare, TaskThatCameAfterTheWaitIsNotQueuedInPlaceOfTheReportedOne)
+// Nor in a later cycle.
+TEST_F(SchAfterWait, NewTaskIsNotQueuedInPlaceOfTheReportedOne)
+{
+    EXPECT_EQ(RunsWith(9, 3), (Notes{"run 1", "run 1", "run 1"}));
+}
+
+// The record was not filled while nobody was registered to see it.
+TEST_F(SchRare, HooksThatComeDuringABindingAreNotCalledForIt)
 {
     TestSch sch;
-    HookRecorder hooks;
-    const Fd first = Fd::Event(1);
-    const Fd doomed = Fd::Event(1);
-    const Fd fresh = Fd::Event();
-    ASSERT_EQ(AddFd(sch.Get(), first.Get(), {.proc = NoteProc, .data = 1, .prio = 5}), 0U);
-    ASSERT_EQ(AddFd(sch.Get(), doomed.Get(), {NoteProc, 2}), 0U);
-    const SchTaskCtrl* before = SchTaskGetHandleByAppFd(doomed.Get());
-    xeltest::RunAtNth(xeltest::Call::SystimeGetMicroSec, 1, [&] {
-        EXPECT_EQ(DelFd(sch.Get(), doomed.Get()), 0U);
-        EXPECT_EQ(AddFd(sch.Get(), fresh.Get(), {.proc = NoteProc, .data = 3, .prio = 9}), 0U);
-        EXPECT_EQ(SchTaskGetHandleByAppFd(fresh.Get()), before) << "taken first";
-    });
-    for (int i = 0; i < 3; ++i) {
-        XEL_SchDispatch(sch.Get());
-    }
-    const Notes notes = HookRecorder::Take();
-    EXPECT_EQ(std::count(notes.begin(), notes.end(), "run 1"), 3);
-    EXPECT_EQ(std::count(notes.begin(), notes.end(), "run 3"), 0);
-    EXPECT_LINES(TaskLine("Task get info unsuccessfully, input is not valid."),
-                 BfsLine("Event insert, invalid task-ctrl."));
-    EXPECT_EQ(DelFd(sch.Get(), first.Get()), 0U);
-    EXPECT_EQ(DelFd(sch.Get(), fresh.Get()), 0U);
+    const Fd fd = Fd::Event();
+    SchTaskCtrl* task = MakeTask(fd.Get(), {NoteProc, 1});
+    std::optional<HookRecorder> hooks;
+    xeltest::RunAtNth(xeltest::Call::XelMemAllocF, 1, [&hooks] { hooks.emplace(); });
+    EXPECT_EQ(XEL_TaskAdd(sch.Get(), task), 0U);
+    ASSERT_TRUE(hooks.has_value());
+    EXPECT_EQ(HookRecorder::Take(), Notes{});
+    XEL_TaskDestroy(task);
 }
 
 // Two threads' work in one wait: when it has reported a task and before its result is looked at,
